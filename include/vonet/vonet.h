@@ -7,5 +7,6 @@
 #include <vonet/version.h>
 #include <vonet/tensor.h>
 #include <vonet/net.h>
+#include <vonet/geometry.h>
 
 #endif

@@ -10,20 +10,31 @@ namespace {
 constexpr int32_t kFirstType = 2;
 constexpr int32_t kLastType = 18;
 
-// Indexed by type id. A type appears here once its source file exists.
-const LayerOps* gLayerTable[kLastType + 1] = {};
+// Indexed by type id; an id without operations is not built.
+struct Registry {
+    const LayerOps* ops[kLastType + 1] = {};
+    Registry() {
+        // Each built layer type is bound here (its LayerOps is declared in
+        // layer_registry.h and defined in the type's source file).
+    }
+};
+
+Registry& registry() {
+    static Registry table;
+    return table;
+}
 
 }  // namespace
 
 const LayerOps* layer_ops(int32_t type) {
     if (type < kFirstType || type > kLastType) return nullptr;
-    return gLayerTable[type];
+    return registry().ops[type];
 }
 
 const LayerOps* set_layer_ops_for_testing(int32_t type, const LayerOps* ops) {
     if (type < kFirstType || type > kLastType) return nullptr;
-    const LayerOps* old = gLayerTable[type];
-    gLayerTable[type] = ops;
+    const LayerOps* old = registry().ops[type];
+    registry().ops[type] = ops;
     return old;
 }
 

@@ -55,6 +55,10 @@ constexpr LayerOps make_layer_ops() {
                     &erased_release<R, Release>, &erased_get_info<R, GetInfo>, Load};
 }
 
+// Operations of the built layer types, one per type's source file, e.g.
+// `const LayerOps kReluOps = make_layer_ops<ReLU, forward_relu, ...>();`
+// (declared here so that the definition has external linkage).
+
 // Operations of a type id, or null when the type is not built.
 const LayerOps* layer_ops(int32_t type);
 
