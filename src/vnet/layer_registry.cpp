@@ -16,6 +16,23 @@ struct Registry {
     Registry() {
         // Each built layer type is bound here (its LayerOps is declared in
         // layer_registry.h and defined in the type's source file).
+        ops[LAYER_POOLING] = &kPoolingOps;
+        ops[LAYER_SOFTMAX] = &kSoftmaxOps;
+        ops[LAYER_BATCHNORM] = &kBatchNormOps;
+        ops[LAYER_NORMALIZE] = &kNormalizeOps;
+        ops[LAYER_ELTWISE] = &kEltwiseOps;
+        ops[LAYER_CONCAT] = &kConcatOps;
+        ops[LAYER_SLICE] = &kSliceOps;
+        ops[LAYER_FLATTEN] = &kFlattenOps;
+        ops[LAYER_PIECE] = &kPieceOps;
+        ops[LAYER_RELU] = &kReluOps;
+        ops[LAYER_PRELU] = &kPreluOps;
+        ops[LAYER_ABS] = &kAbsOps;
+        ops[LAYER_DROPOUT] = &kDropoutOps;
+        ops[LAYER_SRELU] = &kSreluOps;
+        ops[LAYER_CONVOLUTION] = &kConvOps;
+        ops[LAYER_INNER_PRODUCT] = &kInnerProductOps;
+        ops[LAYER_DECONVOLUTION] = &kDeconvOps;
     }
 };
 

@@ -58,6 +58,23 @@ constexpr LayerOps make_layer_ops() {
 // Operations of the built layer types, one per type's source file, e.g.
 // `const LayerOps kReluOps = make_layer_ops<ReLU, forward_relu, ...>();`
 // (declared here so that the definition has external linkage).
+extern const LayerOps kReluOps;
+extern const LayerOps kPreluOps;
+extern const LayerOps kAbsOps;
+extern const LayerOps kDropoutOps;
+extern const LayerOps kSreluOps;
+extern const LayerOps kConvOps;
+extern const LayerOps kInnerProductOps;
+extern const LayerOps kDeconvOps;
+extern const LayerOps kPoolingOps;
+extern const LayerOps kSoftmaxOps;
+extern const LayerOps kBatchNormOps;
+extern const LayerOps kNormalizeOps;
+extern const LayerOps kEltwiseOps;
+extern const LayerOps kConcatOps;
+extern const LayerOps kSliceOps;
+extern const LayerOps kFlattenOps;
+extern const LayerOps kPieceOps;
 
 // Operations of a type id, or null when the type is not built.
 const LayerOps* layer_ops(int32_t type);

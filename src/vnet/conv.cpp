@@ -1,0 +1,269 @@
+// Convolution layer: the general float path (unfold, matrix product, bias).
+#include <vonet/convolution.h>
+#include <vonet/kernels.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/check.h"
+#include "kernels/gemm.h"
+#include "vnet/layer_registry.h"
+#include "vnet/tensor_internal.h"
+
+namespace {
+
+constexpr const char* kUnit = "vnet/conv";
+// Checks in the helpers below are reported under the public operation.
+constexpr const char* kLoad = "load_conv";
+constexpr const char* kSave = "save_conv";
+
+// Kernel sizes, strides and paddings above this are refused: no real
+// network comes near it, and it keeps every size computation far from
+// int32 overflow.
+constexpr int32_t kMaxExtent = 65535;
+
+template <typename T>
+bool read_field(FILE* stream, T* field) {
+    size_t ret = fread(field, sizeof(T), 1, stream);
+    VO_CHECK_IN(kLoad, ret == 1, return false);
+    return true;
+}
+
+template <typename T>
+bool write_field(FILE* stream, const T& field) {
+    size_t ret = fwrite(&field, sizeof(T), 1, stream);
+    VO_CHECK_IN(kSave, ret == 1, return false);
+    return true;
+}
+
+// A record that claims more values than the rest of the file holds would
+// end in a short read: it is refused as one before anything is allocated.
+bool file_holds(FILE* stream, int64_t count, const char* check) {
+    if (vo::fits_in_file(stream, count, sizeof(float))) return true;
+    vo::check_failed(kUnit, kLoad, check);
+    return false;
+}
+
+// Reads the record into `conv`; on failure the caller releases it.
+int read_conv(FILE* stream, Convolution* conv) {
+    int32_t num = 0, channel = 0, kernelW = 0, kernelH = 0;
+    if (!read_field(stream, &num) || !read_field(stream, &channel) || !read_field(stream, &kernelW) ||
+        !read_field(stream, &kernelH) || !read_field(stream, &conv->strideW) || !read_field(stream, &conv->strideH) ||
+        !read_field(stream, &conv->padW) || !read_field(stream, &conv->padH) || !read_field(stream, &conv->hasBias) ||
+        !read_field(stream, &conv->quantized))
+        return 4;
+    // The int8 record is read by the int8 path, which this build does not have.
+    VO_CHECK_IN(kLoad, conv->quantized == 0, return 4);
+    VO_CHECK_IN(kLoad, conv->hasBias <= 1, return 4);
+    VO_CHECK_IN(kLoad, num > 0 && channel > 0, return 4);
+    VO_CHECK_IN(kLoad, kernelW >= 1 && kernelW <= kMaxExtent, return 4);
+    VO_CHECK_IN(kLoad, kernelH >= 1 && kernelH <= kMaxExtent, return 4);
+    VO_CHECK_IN(kLoad, conv->strideW >= 1 && conv->strideW <= kMaxExtent, return 4);
+    VO_CHECK_IN(kLoad, conv->strideH >= 1 && conv->strideH <= kMaxExtent, return 4);
+    VO_CHECK_IN(kLoad, conv->padW >= 0 && conv->padW <= kMaxExtent, return 4);
+    VO_CHECK_IN(kLoad, conv->padH >= 0 && conv->padH <= kMaxExtent, return 4);
+
+    int64_t count = vo::checked_count(num, channel, kernelH, kernelW);
+    VO_CHECK_IN(kLoad, count >= 0, return 4);
+    if (!file_holds(stream, count, "ret == weights->capacity")) return 4;
+    if (conv->hasBias && !file_holds(stream, count + num, "ret == conv->bias->capacity")) return 4;
+
+    VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, num, channel, kernelH, kernelW) == 0, return 4);
+    Tensor* weights = conv->weights;
+    int64_t ret = int64_t(fread(weights->data, sizeof(float), size_t(weights->capacity), stream));
+    VO_CHECK_IN(kLoad, ret == weights->capacity, return 4);
+
+    if (conv->hasBias) {
+        VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->bias, 1, num, 1, 1) == 0, return 4);
+        ret = int64_t(fread(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
+        VO_CHECK_IN(kLoad, ret == conv->bias->capacity, return 4);
+    }
+    conv->is1x1 = kernelW == 1 && kernelH == 1 && conv->strideW == 1 && conv->strideH == 1 && conv->padW == 0 &&
+                  conv->padH == 0;
+    return 0;
+}
+
+// Sizes of one forward pass, derived from the input and the record.
+struct ConvShape {
+    int32_t outW, outH;
+    int64_t K;  // rows of the column matrix: channel * kernelH * kernelW
+    int64_t N;  // output pixels per image
+};
+
+// Checks the input against the record and computes the output size; 5 when
+// they do not fit together.
+int conv_shape(const Convolution* conv, const Tensor* src, const char* op, ConvShape* shape) {
+    const Tensor* weights = conv->weights;
+    VO_CHECK_IN(op, weights != nullptr, return 7);
+    VO_CHECK_IN(op, src->channel == weights->channel, return 5);
+    // The size rule in 64 bits first: the kernel's int32 arithmetic must not
+    // overflow on a huge input.
+    int64_t spanW = int64_t(src->width) - weights->width + 2 * int64_t(conv->padW);
+    int64_t spanH = int64_t(src->height) - weights->height + 2 * int64_t(conv->padH);
+    VO_CHECK_IN(op, spanW <= INT32_MAX && spanH <= INT32_MAX, return 5);
+    int64_t outW = spanW / conv->strideW + 1;
+    int64_t outH = spanH / conv->strideH + 1;
+    VO_CHECK_IN(op, outW > 0 && outH > 0, return 5);
+    calculate_conv_result_size(src->width, src->height, weights->width, weights->height, conv->strideW,
+                               conv->strideH, conv->padW, conv->padH, &shape->outW, &shape->outH);
+    shape->K = int64_t(weights->channel) * weights->height * weights->width;
+    shape->N = int64_t(shape->outW) * shape->outH;
+    return 0;
+}
+
+}  // namespace
+
+Convolution* create_convolution() { return static_cast<Convolution*>(calloc(1, sizeof(Convolution))); }
+
+int load_conv(FILE* stream, void** result) {
+    if (!stream) return 4;
+    if (!result) return 2;
+    *result = nullptr;
+    Convolution* conv = create_convolution();
+    VO_CHECK(conv != nullptr, return 4);
+    if (int status = read_conv(stream, conv)) {
+        release_conv(&conv);
+        return status;
+    }
+    *result = conv;
+    return 0;
+}
+
+int save_conv(FILE* stream, Convolution* conv) {
+    if (!stream || !conv) return 7;
+    Tensor* weights = conv->weights;
+    VO_CHECK(weights != nullptr, return 7);
+    VO_CHECK(!conv->hasBias || conv->bias != nullptr, return 7);
+    // Writing the int8 record belongs to the int8 path, not built here.
+    VO_CHECK(conv->quantized == 0, return 4);
+    if (!write_field(stream, weights->num) || !write_field(stream, weights->channel) ||
+        !write_field(stream, weights->width) || !write_field(stream, weights->height) ||
+        !write_field(stream, conv->strideW) || !write_field(stream, conv->strideH) ||
+        !write_field(stream, conv->padW) || !write_field(stream, conv->padH) || !write_field(stream, conv->hasBias) ||
+        !write_field(stream, conv->quantized))
+        return 4;
+    int64_t ret = int64_t(fwrite(weights->data, sizeof(float), size_t(weights->capacity), stream));
+    VO_CHECK(ret == weights->capacity, return 4);
+    if (conv->hasBias) {
+        ret = int64_t(fwrite(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
+        VO_CHECK(ret == conv->bias->capacity, return 4);
+    }
+    return 0;
+}
+
+int reshape_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs, int outputCount,
+                 ForwardParams* params) {
+    if (!conv || !inputs || inputCount != 1 || !outputs || outputCount != 1 || !params) return 7;
+    Tensor* src = inputs[0];
+    if (!src) return 5;
+    ConvShape shape;
+    if (int status = conv_shape(conv, src, __func__, &shape)) return status;
+    const int32_t M = conv->weights->num;
+    // Every size is checked before anything is resized, so a refused shape
+    // leaves the output as it was.
+    VO_CHECK(vo::checked_count(1, 1, shape.K, shape.N) >= 0, return 5);
+    VO_CHECK(vo::checked_count(src->num, M, shape.outH, shape.outW) >= 0, return 5);
+    if (vo::reshape_tensor_checked(&params->columnBuffer, 1, 1, shape.K, shape.N) ||
+        vo::reshape_tensor_checked(&params->inputBuffer, src->num, src->channel, src->height, src->width) ||
+        vo::reshape_tensor_checked(&params->outputBuffer, 1, M, shape.outH, shape.outW) ||
+        vo::reshape_tensor_checked(&outputs[0], src->num, M, shape.outH, shape.outW))
+        return 5;
+    return 0;
+}
+
+int forward_conv_norm(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs, int outputCount,
+                      ForwardParams* params) {
+    if (!conv || !inputs || inputCount != 1 || !outputs || outputCount != 1 || !params) return 7;
+    Tensor* src = inputs[0];
+    Tensor* dst = outputs[0];
+    if (!src || !dst) return 5;
+    ConvShape shape;
+    if (int status = conv_shape(conv, src, __func__, &shape)) return status;
+    const Tensor* weights = conv->weights;
+    const int32_t M = weights->num;
+    // Another layer may have reshaped a shared tensor since this layer's
+    // reshape: never write or read past what the buffers hold.
+    VO_CHECK(dst->num == src->num && dst->channel == M && dst->height == shape.outH && dst->width == shape.outW,
+             return 5);
+    Tensor* column = params->columnBuffer;
+    VO_CHECK(conv->is1x1 || (column && shape.K * shape.N <= column->allocCount), return 5);
+    VO_CHECK(!conv->hasBias || (conv->bias && conv->bias->capacity >= M), return 7);
+
+    const int32_t N = int32_t(shape.N);
+    const int32_t K = int32_t(shape.K);
+    const int64_t inStep = int64_t(src->channel) * src->height * src->width;
+    const int64_t outStep = int64_t(M) * N;
+    for (int32_t n = 0; n < src->num; ++n) {
+        const float* image = src->data + n * inStep;
+        float* out = dst->data + n * outStep;
+        const float* right = image;
+        if (!conv->is1x1) {
+            img2col_conv(image, src->width, src->height, src->channel, weights->width, weights->height,
+                         conv->strideW, conv->strideH, conv->padW, conv->padH, column->data);
+            right = column->data;
+        }
+        if (int status = vo::gemm_checked(0, 0, M, N, K, 1.0f, weights->data, right, 0.0f, out)) return status;
+        if (conv->hasBias) {
+            for (int32_t o = 0; o < M; ++o) {
+                float* plane = out + int64_t(o) * N;
+                vo_add_scalar(plane, plane, N, conv->bias->data[o]);
+            }
+        }
+    }
+    return 0;
+}
+
+int forward_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs, int outputCount,
+                 ForwardParams* params) {
+    if (!conv) return 7;
+    // A quantised record would need the int8 path, which this build lacks.
+    VO_CHECK(conv->quantized == 0, return 7);
+    return forward_conv_norm(conv, inputs, inputCount, outputs, outputCount, params);
+}
+
+void release_conv_data(Convolution* conv) {
+    if (!conv) return;
+    release_tensor(&conv->weights);
+    release_tensor(&conv->winogradKernel);
+    release_tensor(&conv->packedKernel);
+    release_tensor(&conv->bias);
+    free(conv->weightScales);
+    free(conv->dequantScales);
+    conv->weightScales = nullptr;
+    conv->dequantScales = nullptr;
+}
+
+void release_conv(Convolution** conv) {
+    if (!conv || !*conv) return;
+    release_conv_data(*conv);
+    free(*conv);
+    *conv = nullptr;
+}
+
+void get_info_conv(Convolution* conv, char* text) {
+    if (!text) return;
+    if (!conv || !conv->weights) {
+        snprintf(text, 128, "Convolution");
+        return;
+    }
+    const Tensor* w = conv->weights;
+    snprintf(text, 128, "Convolution, kern: %d %d %d %d, stride: %d %d, pad: %d %d, bias: %d", w->num, w->channel,
+             w->height, w->width, conv->strideW, conv->strideH, conv->padW, conv->padH, int(conv->hasBias));
+}
+
+void initial_conv_cudnn(Convolution*) {}
+void reshape_conv_cudnn(Convolution*, Tensor**, int, Tensor**, int, ForwardParams*) {}
+void release_conv_cudnn(Convolution*) {}
+int forward_conv_gpu(Convolution*, Tensor**, int, Tensor**, int, ForwardParams*) { return 1; }
+
+// Fast paths are filled in by the units that build them (slots listed in
+// ConvTableSlot); until then every slot is null.
+ConvForwardOp const convTableNorm[CONV_TABLE_SIZE] = {};
+ConvForwardOp const convTableNormWinograd[CONV_TABLE_SIZE] = {};
+ConvForwardOp const convTableQuantize[CONV_TABLE_SIZE] = {};
+
+namespace vo {
+const LayerOps kConvOps = make_layer_ops<Convolution, forward_conv, reshape_conv, save_conv, release_conv,
+                                         get_info_conv, load_conv>();
+}  // namespace vo
