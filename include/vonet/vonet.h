@@ -8,5 +8,18 @@
 #include <vonet/tensor.h>
 #include <vonet/net.h>
 #include <vonet/geometry.h>
+#include <vonet/image.h>
+#include <vonet/kernels.h>
+#include <vonet/activation.h>
+#include <vonet/annotation.h>
+#include <vonet/file_util.h>
+#include <vonet/convolution.h>
+#include <vonet/inner_product.h>
+#include <vonet/deconvolution.h>
+#include <vonet/pooling.h>
+#include <vonet/softmax.h>
+#include <vonet/normalization.h>
+#include <vonet/tensor_layers.h>
+#include <vonet/detector.h>
 
 #endif
