@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "detector/detector_internal.h"
 
 namespace {
@@ -206,14 +207,9 @@ int load_classifier(const char* dir, const char* name, Classifier** out) {
     };
     if (!classifier) return fail();
     // File order: class count, width, height, channels.
-    size_t ret = fread(&classifier->classSize, 4, 1, f);
-    VO_CHECK(ret == 1, return fail());
-    ret = fread(&classifier->width, 4, 1, f);
-    VO_CHECK(ret == 1, return fail());
-    ret = fread(&classifier->height, 4, 1, f);
-    VO_CHECK(ret == 1, return fail());
-    ret = fread(&classifier->channel, 4, 1, f);
-    VO_CHECK(ret == 1, return fail());
+    if (!vo::read_fields(f, kUnit, __func__, &classifier->classSize, &classifier->width, &classifier->height,
+                         &classifier->channel))
+        return fail();
     VO_CHECK(classifier->channel == 1 || classifier->channel == 3, return fail());
     VO_CHECK(classifier->width >= 1 && classifier->width <= kMaxSide, return fail());
     VO_CHECK(classifier->height >= 1 && classifier->height <= kMaxSide, return fail());

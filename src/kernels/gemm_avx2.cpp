@@ -12,9 +12,7 @@ int gemm(int transA, int transB, int M, int N, int K, float alpha, const float* 
          float* C) {
     // k blocks of 256 keep a 24-column B panel (24 KB) and a 4-row A panel
     // in L1; 24 A panels (96 rows) and a 1008-column B block stay in L2.
-    static const GemmPlan plan = {4, 24, 256, 24, 1008, tile_kernel<V256, 4, 3>, tile_pack_kernel<V256, 4, 3>,
-                                  grouped_kernel<4>};
-    return gemm_blocked(plan, transA, transB, M, N, K, alpha, A, B, beta, C);
+    return gemm_with_tiles<V256, 4, 3, 256, 24, 1008>(transA, transB, M, N, K, alpha, A, B, beta, C);
 }
 
 }  // namespace avx2

@@ -36,9 +36,7 @@ int gemm(int transA, int transB, int M, int N, int K, float alpha, const float* 
          float* C) {
     // k blocks of 192 keep a 32-column B panel (24 KB) and an 8-row A panel
     // in L1; 12 A panels (96 rows) and a 1024-column B block stay in L2.
-    static const GemmPlan plan = {8, 32, 192, 12, 1024, tile_kernel<V512, 8, 2>, tile_pack_kernel<V512, 8, 2>,
-                                   grouped_kernel<8>};
-    return gemm_blocked(plan, transA, transB, M, N, K, alpha, A, B, beta, C);
+    return gemm_with_tiles<V512, 8, 2, 192, 12, 1024>(transA, transB, M, N, K, alpha, A, B, beta, C);
 }
 
 }  // namespace avx512

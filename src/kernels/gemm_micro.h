@@ -141,6 +141,16 @@ void grouped_kernel(int kc, const float* a, int rows, const float* b, int64_t ld
     }
 }
 
+// The blocked product on MR x (NV * V::W) tiles of V: k blocks of KC,
+// MC_PANELS A panels per packed A block, NC columns per packed B block.
+template <class V, int MR, int NV, int KC, int MC_PANELS, int NC>
+int gemm_with_tiles(int transA, int transB, int M, int N, int K, float alpha, const float* A, const float* B,
+                    float beta, float* C) {
+    static const vo::GemmPlan plan = {MR, NV * V::W, KC, MC_PANELS, NC, tile_kernel<V, MR, NV>,
+                                      tile_pack_kernel<V, MR, NV>, grouped_kernel<MR>};
+    return vo::gemm_blocked(plan, transA, transB, M, N, K, alpha, A, B, beta, C);
+}
+
 }  // namespace
 
 #endif

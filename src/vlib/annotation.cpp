@@ -72,6 +72,60 @@ FILE* open_for_writing(const char* path) {
     return f;
 }
 
+// Opens a list file and reads its declared count; null (file closed) when
+// the file cannot be opened or declares no records.
+FILE* open_list(const char* path, int* size) {
+    FILE* f = fopen(path, "r");
+    if (!f) return nullptr;
+    *size = read_count_line(f);
+    if (*size < 1) {
+        fclose(f);
+        return nullptr;
+    }
+    return f;
+}
+
+// The count line, then one line per record from `print(f, i)`.
+template <class PrintRecord>
+int write_list(const char* path, int count, PrintRecord print) {
+    FILE* f = open_for_writing(path);
+    if (!f) return 4;
+    fprintf(f, "%d\n", count);
+    for (int i = 0; i < count; ++i) print(f, i);
+    fclose(f);
+    return 0;
+}
+
+int scan_box(FILE* f, VRect* r) { return fscanf(f, "%d %d %d %d", &r->x, &r->y, &r->width, &r->height); }
+
+int scan_box(FILE* f, VRectf* r) { return fscanf(f, "%f %f %f %f", &r->x, &r->y, &r->width, &r->height); }
+
+void print_box(FILE* f, const VRect& r) { fprintf(f, "%d %d %d %d\n", r.x, r.y, r.width, r.height); }
+
+void print_box(FILE* f, const VRectf& r) { fprintf(f, "%f %f %f %f\n", r.x, r.y, r.width, r.height); }
+
+template <class Box>
+int read_box_file(const char* path, Box* rect) {
+    if (!path || !rect) return 2;
+    FILE* f = fopen(path, "r");
+    if (!f) return 4;
+    // A short file leaves the remaining fields as they were.
+    int ret = scan_box(f, rect);
+    (void)ret;
+    fclose(f);
+    return 0;
+}
+
+template <class Box>
+int write_box_file(const char* path, const Box& rect) {
+    if (!path) return 2;
+    FILE* f = fopen(path, "w");
+    if (!f) return 4;
+    print_box(f, rect);
+    fclose(f);
+    return 0;
+}
+
 int scan_labelled(const char* line, int* label, VRect* r) {
     return sscanf(line, "%d %d %d %d %d", label, &r->x, &r->y, &r->width, &r->height);
 }
@@ -92,13 +146,9 @@ void print_labelled(FILE* f, int label, const VRectf& r) {
 template <class Box>
 int read_labelled_list(const char* path, Box** rects, int** labels, int* outCount) {
     if (!path || !rects || !labels || !outCount) return 2;
-    FILE* f = fopen(path, "r");
+    int size = 0;
+    FILE* f = open_list(path, &size);
     if (!f) return 4;
-    int size = read_count_line(f);
-    if (size < 1) {
-        fclose(f);
-        return 4;
-    }
     GrowingArray<Box> boxes(size);
     GrowingArray<int> marks(size);
     char line[kLineBytes];
@@ -125,64 +175,24 @@ int read_labelled_list(const char* path, Box** rects, int** labels, int* outCoun
 template <class Box>
 int write_labelled_list(const char* path, Box* rects, int* labels, int count) {
     if (!path || !rects || !labels || count == 0) return 2;
-    FILE* f = open_for_writing(path);
-    if (!f) return 4;
-    fprintf(f, "%d\n", count);
-    for (int i = 0; i < count; ++i) print_labelled(f, labels[i], rects[i]);
-    fclose(f);
-    return 0;
+    return write_list(path, count, [&](FILE* f, int i) { print_labelled(f, labels[i], rects[i]); });
 }
 
 }  // namespace
 
-int read_rect_file(const char* path, VRectf* rect) {
-    if (!path || !rect) return 2;
-    FILE* f = fopen(path, "r");
-    if (!f) return 4;
-    // A short file leaves the remaining fields as they were.
-    int ret = fscanf(f, "%f %f %f %f", &rect->x, &rect->y, &rect->width, &rect->height);
-    (void)ret;
-    fclose(f);
-    return 0;
-}
+int read_rect_file(const char* path, VRectf* rect) { return read_box_file(path, rect); }
 
-int write_rect_file(const char* path, VRectf rect) {
-    if (!path) return 2;
-    FILE* f = fopen(path, "w");
-    if (!f) return 4;
-    fprintf(f, "%f %f %f %f\n", rect.x, rect.y, rect.width, rect.height);
-    fclose(f);
-    return 0;
-}
+int write_rect_file(const char* path, VRectf rect) { return write_box_file(path, rect); }
 
-int read_rect_file(const char* path, VRect* rect) {
-    if (!path || !rect) return 2;
-    FILE* f = fopen(path, "r");
-    if (!f) return 4;
-    int ret = fscanf(f, "%d %d %d %d", &rect->x, &rect->y, &rect->width, &rect->height);
-    (void)ret;
-    fclose(f);
-    return 0;
-}
+int read_rect_file(const char* path, VRect* rect) { return read_box_file(path, rect); }
 
-int write_rect_file(const char* path, VRect rect) {
-    if (!path) return 2;
-    FILE* f = fopen(path, "w");
-    if (!f) return 4;
-    fprintf(f, "%d %d %d %d\n", rect.x, rect.y, rect.width, rect.height);
-    fclose(f);
-    return 0;
-}
+int write_rect_file(const char* path, VRect rect) { return write_box_file(path, rect); }
 
 int read_rect_list_file(const char* path, VRect** rects, int* count) {
     if (!path || !rects || !count) return 2;
-    FILE* f = fopen(path, "r");
+    int size = 0;
+    FILE* f = open_list(path, &size);
     if (!f) return 4;
-    int size = read_count_line(f);
-    if (size < 1) {
-        fclose(f);
-        return 4;
-    }
     // Hands out only the boxes actually read: the declared count may
     // promise more than the file holds.
     GrowingArray<VRect> boxes(size);
@@ -208,12 +218,7 @@ int read_rect_list_file(const char* path, VRect** rects, int* count) {
 
 int write_rect_list_file(const char* path, VRect* rects, int count) {
     if (!path || !rects || count == 0) return 2;
-    FILE* f = open_for_writing(path);
-    if (!f) return 4;
-    fprintf(f, "%d\n", count);
-    for (int i = 0; i < count; ++i) fprintf(f, "%d %d %d %d\n", rects[i].x, rects[i].y, rects[i].width, rects[i].height);
-    fclose(f);
-    return 0;
+    return write_list(path, count, [&](FILE* f, int i) { print_box(f, rects[i]); });
 }
 
 int read_rect_list_file(const char* path, VRect** rects, int** labels, int* count) {

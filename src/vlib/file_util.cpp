@@ -11,7 +11,7 @@
 #include <ctime>
 #include <string>
 
-#include "vlib/quicksort.h"
+#include "common/quicksort.h"
 
 namespace {
 
@@ -180,4 +180,4 @@ int create_directory(const char* path) {
 // The float sort is the kernels' sort itself.
 void sort_arr_float(float* arr, int n) { sort_arr_dtype(arr, n); }
 
-void sort_arr_int(int* arr, int n) { vo::quicksort_ascending(arr, n); }
+void sort_arr_int(int* arr, int n) { vo::quicksort<vo::Ascending>(arr, n); }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "vlib/bilinear_avx2.h"
 #include "vlib/image_internal.h"
 
 namespace vo {
@@ -49,42 +50,24 @@ inline int32_t lerp(int32_t a, int32_t b, int32_t wa) {
 // Each gather reads 4 bytes inside the row: from x0, or from srcWidth - 4
 // near the right edge with the pair shifted down into place.
 inline __m256i resize8_gray(const uint8_t* r0, const uint8_t* r1, const int32_t* x0, const int32_t* wpack,
-                            __m256i lastStart, __m256i wy, const __m256i& pairMask) {
+                            __m256i lastStart, __m256i wy, __m256i pairMask) {
     const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x0));
     const __m256i start = _mm256_min_epi32(x, lastStart);
     const __m256i shift = _mm256_slli_epi32(_mm256_sub_epi32(x, start), 3);
-    const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wpack));
-    const __m256i half = _mm256_set1_epi32(kFixHalf);
-    __m256i t = _mm256_srlv_epi32(_mm256_i32gather_epi32(reinterpret_cast<const int*>(r0), start, 1), shift);
-    __m256i b = _mm256_srlv_epi32(_mm256_i32gather_epi32(reinterpret_cast<const int*>(r1), start, 1), shift);
     // (TL, TR) as 16-bit pairs times (wx, 16384 - wx): TL wx + TR (16384 - wx).
-    t = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(t, pairMask), w), half), kFixShift);
-    b = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(b, pairMask), w), half), kFixShift);
-    const __m256i tb = _mm256_or_si256(t, _mm256_slli_epi32(b, 16));
-    return _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(tb, wy), half), kFixShift);
+    const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wpack));
+    return blend_rows(gather_row(r0, start, shift), gather_row(r1, start, shift), w, wy, pairMask);
 }
 
 // Destination columns [0, end) of one grey row, end a multiple of 8, all
 // with x0 <= srcWidth - 2.
 void resize_row_gray_avx2(const uint8_t* r0, const uint8_t* r1, int srcWidth, const int32_t* x0,
                           const int32_t* wpack, int32_t wyTop, int end, uint8_t* d8, float* df) {
-    const int8_t z = -1;
-    const __m256i pairMask = _mm256_setr_epi8(0, z, 1, z, 4, z, 5, z, 8, z, 9, z, 12, z, 13, z,
-                                              0, z, 1, z, 4, z, 5, z, 8, z, 9, z, 12, z, 13, z);
+    const __m256i pairMask = pair_mask();
     const __m256i lastStart = _mm256_set1_epi32(srcWidth - 4);
     const __m256i wy = _mm256_set1_epi32(int32_t(uint32_t(wyTop) | (uint32_t(kFixOne - wyTop) << 16)));
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    for (int j = 0; j < end; j += 8) {
-        const __m256i v = resize8_gray(r0, r1, x0 + j, wpack + j, lastStart, wy, pairMask);
-        if (df) {
-            _mm256_storeu_ps(df + j, _mm256_cvtepi32_ps(v));
-        } else {
-            const __m256i w = _mm256_packs_epi32(v, v);
-            const __m256i p = _mm256_packus_epi16(w, w);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(d8 + j),
-                             _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(p, order)));
-        }
-    }
+    for (int j = 0; j < end; j += 8)
+        store8(resize8_gray(r0, r1, x0 + j, wpack + j, lastStart, wy, pairMask), d8, df, j);
 }
 
 }  // namespace

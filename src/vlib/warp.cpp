@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "vlib/bilinear_avx2.h"
 #include "vlib/image_internal.h"
 
 namespace vo {
@@ -38,7 +39,6 @@ inline __m256i warp8_gray(const uint8_t* src, int srcStride, __m256i rowX, __m25
                           __m256i pairMask) {
     const __m256i fixMask = _mm256_set1_epi32(kFixOne - 1);
     const __m256i one = _mm256_set1_epi32(kFixOne);
-    const __m256i half = _mm256_set1_epi32(kFixHalf);
     const __m256i minusOne = _mm256_set1_epi32(-1);
     const __m256i X = _mm256_add_epi32(rowX, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(colB)));
     const __m256i Y = _mm256_sub_epi32(rowY, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(colA)));
@@ -51,43 +51,25 @@ inline __m256i warp8_gray(const uint8_t* src, int srcStride, __m256i rowX, __m25
     const __m256i shift = _mm256_and_si256(_mm256_slli_epi32(_mm256_sub_epi32(x0, start), 3), inside);
     const __m256i offset = _mm256_and_si256(
         _mm256_add_epi32(_mm256_mullo_epi32(y0, _mm256_set1_epi32(srcStride)), start), inside);
-    const int* base = reinterpret_cast<const int*>(src);
-    const int* below = reinterpret_cast<const int*>(src + srcStride);
-    __m256i t = _mm256_srlv_epi32(_mm256_i32gather_epi32(base, offset, 1), shift);
-    __m256i b = _mm256_srlv_epi32(_mm256_i32gather_epi32(below, offset, 1), shift);
     // (TL, TR) times (16384 - fx, fx) is (TL << 14) + (TR - TL) fx.
     const __m256i fx = _mm256_and_si256(X, fixMask);
     const __m256i fy = _mm256_and_si256(Y, fixMask);
     const __m256i wx = _mm256_or_si256(_mm256_sub_epi32(one, fx), _mm256_slli_epi32(fx, 16));
     const __m256i wy = _mm256_or_si256(_mm256_sub_epi32(one, fy), _mm256_slli_epi32(fy, 16));
-    t = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(t, pairMask), wx), half), kFixShift);
-    b = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(b, pairMask), wx), half), kFixShift);
-    const __m256i tb = _mm256_or_si256(t, _mm256_slli_epi32(b, 16));
-    const __m256i v = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(tb, wy), half), kFixShift);
+    const __m256i v =
+        blend_rows(gather_row(src, offset, shift), gather_row(src + srcStride, offset, shift), wx, wy, pairMask);
     return _mm256_and_si256(v, inside);
 }
 
 // Columns [0, end) of one grey destination row, end a multiple of 8.
 void warp_row_gray_avx2(const uint8_t* src, int srcWidth, int srcHeight, int srcStride, int32_t rowX,
                         int32_t rowY, const int32_t* colA, const int32_t* colB, int end, uint8_t* d8, float* df) {
-    const int8_t z = -1;
-    const __m256i pairMask = _mm256_setr_epi8(0, z, 1, z, 4, z, 5, z, 8, z, 9, z, 12, z, 13, z,
-                                              0, z, 1, z, 4, z, 5, z, 8, z, 9, z, 12, z, 13, z);
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const __m256i pairMask = pair_mask();
     const __m256i rx = _mm256_set1_epi32(rowX), ry = _mm256_set1_epi32(rowY);
     const __m256i lastX = _mm256_set1_epi32(srcWidth - 1), lastY = _mm256_set1_epi32(srcHeight - 1);
     const __m256i lastStart = _mm256_set1_epi32(srcWidth - 4);
-    for (int j = 0; j < end; j += 8) {
-        const __m256i v = warp8_gray(src, srcStride, rx, ry, colA + j, colB + j, lastX, lastY, lastStart, pairMask);
-        if (df) {
-            _mm256_storeu_ps(df + j, _mm256_cvtepi32_ps(v));
-        } else {
-            const __m256i w = _mm256_packs_epi32(v, v);
-            const __m256i p = _mm256_packus_epi16(w, w);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(d8 + j),
-                             _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(p, order)));
-        }
-    }
+    for (int j = 0; j < end; j += 8)
+        store8(warp8_gray(src, srcStride, rx, ry, colA + j, colB + j, lastX, lastY, lastStart, pairMask), d8, df, j);
 }
 
 }  // namespace

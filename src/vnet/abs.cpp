@@ -11,12 +11,7 @@
 
 Abs* create_abs() { return static_cast<Abs*>(calloc(1, sizeof(Abs))); }
 
-int load_abs(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = create_abs();
-    return *result ? 0 : 4;
-}
+int load_abs(FILE* stream, void** result) { return vo::load_empty_record<Abs, create_abs>(stream, result); }
 
 // Nothing is written, so only the record is required.
 int save_abs(FILE*, Abs* abs) { return abs ? 0 : 7; }
@@ -30,22 +25,16 @@ int reshape_abs(Abs* abs, Tensor** inputs, int isize, Tensor** outputs, int osiz
 }
 
 int forward_abs(Abs* abs, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
-    if (!abs) return 7;
     int64_t count = 0;
     if (inputs && isize > 0 && inputs[0]) {
         const Tensor* src = inputs[0];
         count = vo::checked_count(src->num, src->channel, src->width, src->height);
     }
-    if (int status = vo::forward_tensors_ok(inputs, isize, outputs, osize, count)) return status;
-    vo_abs(inputs[0]->data, outputs[0]->data, int32_t(count));
-    return 0;
+    return vo::forward_elementwise(abs, inputs, isize, outputs, osize, count,
+                                   [count](const Tensor* x, Tensor* y) { vo_abs(x->data, y->data, int32_t(count)); });
 }
 
-void release_abs(Abs** slot) {
-    if (!slot || !*slot) return;
-    free(*slot);
-    *slot = nullptr;
-}
+void release_abs(Abs** slot) { vo::free_record(slot); }
 
 void get_info_abs(Abs*, char* text) {
     if (text) strcpy(text, "Abs");

@@ -1,9 +1,13 @@
-// Argument checks shared by the element-wise activation layers.
+// Operations and argument checks shared by the element-wise activation
+// layers.
 #ifndef VONET_VNET_ACTIVATION_COMMON_H
 #define VONET_VNET_ACTIVATION_COMMON_H
 
 #include <vonet/net.h>
 
+#include <stdio.h>
+
+#include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
 
 namespace vo {
@@ -18,7 +22,7 @@ inline int reshape_one_to_one(const void* params, Tensor** inputs, int isize, Te
     if (!outputs || isize != 1 || osize != 1) return 7;
     const Tensor* src = inputs[0];
     if (!src) return 5;
-    if (inPlaceDone && outputs[0] == src) return 0;
+    if (inPlaceDone) return reshape_as_input(&outputs[0], src);
     return reshape_tensor_checked(&outputs[0], src->num, src->channel, src->height, src->width);
 }
 
@@ -31,6 +35,33 @@ inline int forward_tensors_ok(Tensor** inputs, int isize, Tensor** outputs, int 
     const Tensor* res = outputs[0];
     if (!src || !res || count < 0 || count > src->allocCount || count > res->allocCount) return 5;
     if (count > 0 && (!src->data || !res->data)) return 5;
+    return 0;
+}
+
+// Load of a record without parameters (ReLU, SReLU, Abs): nothing is read.
+template <typename R, R* (*Create)()>
+int load_empty_record(FILE* stream, void** result) {
+    if (!stream) return 4;
+    if (!result) return 2;
+    *result = Create();
+    return *result ? 0 : 4;
+}
+
+// The elements a forward pass of ReLU, SReLU and Dropout covers: the
+// input's capacity, 0 without an input.
+inline int64_t input_capacity(Tensor** inputs, int isize) {
+    return inputs && isize > 0 && inputs[0] ? inputs[0]->capacity : 0;
+}
+
+// Forward of an element-wise layer over `count` elements: 7 without a
+// record, the status of forward_tensors_ok when the tensors cannot take
+// them, otherwise `apply(input, output)` runs and 0 is returned.
+template <typename Apply>
+int forward_elementwise(const void* record, Tensor** inputs, int isize, Tensor** outputs, int osize, int64_t count,
+                        Apply apply) {
+    if (!record) return 7;
+    if (int status = forward_tensors_ok(inputs, isize, outputs, osize, count)) return status;
+    apply(inputs[0], outputs[0]);
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -20,40 +21,36 @@ bool record_usable(const BatchNorm* bn) {
            bn->scale->capacity >= bn->channel && bn->bias->capacity >= bn->channel;
 }
 
+int read_batchnorm(FILE* stream, BatchNorm* bn) {
+    constexpr const char* kLoad = "load_batchnorm";
+    if (!vo::read_field(stream, &bn->channel, kUnit, kLoad)) return 4;
+    VO_CHECK_IN(kLoad, bn->channel >= 1, return 4);
+    VO_CHECK_IN(kLoad, vo::fits_in_file(stream, 2 * int64_t(bn->channel), sizeof(float)), return 4);
+    bn->scale = create_tensor(1, bn->channel, 1, 1);
+    bn->bias = create_tensor(1, bn->channel, 1, 1);
+    VO_CHECK_IN(kLoad, record_usable(bn), return 4);
+    if (!vo::read_values(stream, bn->scale->data, bn->channel, kUnit, kLoad, "ret == bn->channel") ||
+        !vo::read_values(stream, bn->bias->data, bn->channel, kUnit, kLoad, "ret == bn->channel"))
+        return 4;
+    return 0;
+}
+
 }  // namespace
 
 BatchNorm* create_batchnorm() { return static_cast<BatchNorm*>(calloc(1, sizeof(BatchNorm))); }
 
 int load_batchnorm(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    BatchNorm* bn = create_batchnorm();
-    VO_CHECK(bn != nullptr, return 4);
-    int64_t ret = int64_t(fread(&bn->channel, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_batchnorm(&bn); return 4; });
-    VO_CHECK(bn->channel >= 1, { release_batchnorm(&bn); return 4; });
-    VO_CHECK(vo::fits_in_file(stream, 2 * int64_t(bn->channel), sizeof(float)), { release_batchnorm(&bn); return 4; });
-    bn->scale = create_tensor(1, bn->channel, 1, 1);
-    bn->bias = create_tensor(1, bn->channel, 1, 1);
-    VO_CHECK(record_usable(bn), { release_batchnorm(&bn); return 4; });
-    ret = int64_t(fread(bn->scale->data, sizeof(float), size_t(bn->channel), stream));
-    VO_CHECK(ret == bn->channel, { release_batchnorm(&bn); return 4; });
-    ret = int64_t(fread(bn->bias->data, sizeof(float), size_t(bn->channel), stream));
-    VO_CHECK(ret == bn->channel, { release_batchnorm(&bn); return 4; });
-    *result = bn;
-    return 0;
+    return vo::load_record<BatchNorm, create_batchnorm, read_batchnorm, release_batchnorm>(stream, result, kUnit,
+                                                                                        __func__, "bn != nullptr");
 }
 
 int save_batchnorm(FILE* stream, BatchNorm* bn) {
     if (!stream || !bn) return 7;
     if (!record_usable(bn)) return 7;
-    int64_t ret = int64_t(fwrite(&bn->channel, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    ret = int64_t(fwrite(bn->scale->data, sizeof(float), size_t(bn->channel), stream));
-    VO_CHECK(ret == bn->channel, return 4);
-    ret = int64_t(fwrite(bn->bias->data, sizeof(float), size_t(bn->channel), stream));
-    VO_CHECK(ret == bn->channel, return 4);
+    if (!vo::write_field(stream, bn->channel, kUnit, __func__) ||
+        !vo::write_values(stream, bn->scale->data, bn->channel, kUnit, __func__, "ret == bn->channel") ||
+        !vo::write_values(stream, bn->bias->data, bn->channel, kUnit, __func__, "ret == bn->channel"))
+        return 4;
     return 0;
 }
 
@@ -62,11 +59,9 @@ int reshape_batchnorm(BatchNorm* bn, Tensor** inputs, int, Tensor** outputs, int
     if (!outputs) return 7;
     const Tensor* src = inputs[0];
     if (!src || !outputs[0]) return 5;
-    VO_CHECK(vo::holds_shape(src), return 5);
-    VO_CHECK(src->num >= 1 && src->channel >= 1 && src->height >= 1 && src->width >= 1, return 5);
+    if (!vo::holds_nonempty(kUnit, __func__, src)) return 5;
     // In place is allowed: each value is read once, just before it is written.
-    if (outputs[0] == src) return 0;
-    return vo::reshape_tensor_checked(&outputs[0], src->num, src->channel, src->height, src->width);
+    return vo::reshape_as_input(&outputs[0], src);
 }
 
 int forward_batchnorm(BatchNorm* bn, Tensor** inputs, int, Tensor** outputs, int, ForwardParams*) {
@@ -76,10 +71,7 @@ int forward_batchnorm(BatchNorm* bn, Tensor** inputs, int, Tensor** outputs, int
     Tensor* res = outputs[0];
     VO_CHECK(vo::holds_shape(src) && vo::holds_shape(res), return 5);
     VO_CHECK(src->channel == bn->channel, return 5);
-    VO_CHECK(src->num == res->num, return 5);
-    VO_CHECK(src->width == res->width, return 5);
-    VO_CHECK(src->height == res->height, return 5);
-    VO_CHECK(src->channel == res->channel, return 5);
+    if (!vo::same_shape(kUnit, __func__, src, res)) return 5;
 
     const int32_t plane = src->height * src->width;
     const float* scale = bn->scale->data;

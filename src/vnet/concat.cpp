@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -12,33 +13,26 @@
 namespace {
 
 constexpr const char* kUnit = "vnet/concat";
+constexpr const char* kLoad = "load_concat";
+
+int read_concat(FILE* stream, Concat* concat) {
+    if (!vo::read_fields(stream, kUnit, kLoad, &concat->concatParam, &concat->axis)) return 4;
+    VO_CHECK_IN(kLoad, concat->axis >= 0 && concat->axis <= 3, return 4);
+    return 0;
+}
 
 }  // namespace
 
 Concat* create_concat() { return static_cast<Concat*>(calloc(1, sizeof(Concat))); }
 
 int load_concat(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Concat* concat = create_concat();
-    VO_CHECK(concat != nullptr, return 4);
-    size_t ret = fread(&concat->concatParam, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, { release_concat(&concat); return 4; });
-    ret = fread(&concat->axis, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, { release_concat(&concat); return 4; });
-    VO_CHECK(concat->axis >= 0 && concat->axis <= 3, { release_concat(&concat); return 4; });
-    *result = concat;
-    return 0;
+    return vo::load_record<Concat, create_concat, read_concat, release_concat>(stream, result, kUnit, __func__,
+                                                                            "concat != nullptr");
 }
 
 int save_concat(FILE* stream, Concat* concat) {
     if (!stream || !concat) return 7;
-    size_t ret = fwrite(&concat->concatParam, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    ret = fwrite(&concat->axis, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    return 0;
+    return vo::write_fields(stream, kUnit, __func__, concat->concatParam, concat->axis) ? 0 : 4;
 }
 
 int reshape_concat(Concat* concat, Tensor** srcs, int isize, Tensor** ress, int osize, ForwardParams*) {
@@ -142,11 +136,7 @@ int forward_concat(Concat* concat, Tensor** srcs, int isize, Tensor** ress, int 
     return 0;
 }
 
-void release_concat(Concat** concat) {
-    if (!concat) return;
-    free(*concat);
-    *concat = nullptr;
-}
+void release_concat(Concat** concat) { vo::free_record(concat); }
 
 void get_info_concat(Concat* concat, char* text) {
     if (!text) return;

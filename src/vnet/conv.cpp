@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "kernels/gemm.h"
+#include "vnet/conv_common.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
 
@@ -16,68 +18,28 @@ namespace {
 constexpr const char* kUnit = "vnet/conv";
 // Checks in the helpers below are reported under the public operation.
 constexpr const char* kLoad = "load_conv";
-constexpr const char* kSave = "save_conv";
-
-// Kernel sizes, strides and paddings above this are refused: no real
-// network comes near it, and it keeps every size computation far from
-// int32 overflow.
-constexpr int32_t kMaxExtent = 65535;
-
-template <typename T>
-bool read_field(FILE* stream, T* field) {
-    size_t ret = fread(field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kLoad, ret == 1, return false);
-    return true;
-}
-
-template <typename T>
-bool write_field(FILE* stream, const T& field) {
-    size_t ret = fwrite(&field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kSave, ret == 1, return false);
-    return true;
-}
-
-// A record that claims more values than the rest of the file holds would
-// end in a short read: it is refused as one before anything is allocated.
-bool file_holds(FILE* stream, int64_t count, const char* check) {
-    if (vo::fits_in_file(stream, count, sizeof(float))) return true;
-    vo::check_failed(kUnit, kLoad, check);
-    return false;
-}
 
 // Reads the record into `conv`; on failure the caller releases it.
 int read_conv(FILE* stream, Convolution* conv) {
     int32_t num = 0, channel = 0, kernelW = 0, kernelH = 0;
-    if (!read_field(stream, &num) || !read_field(stream, &channel) || !read_field(stream, &kernelW) ||
-        !read_field(stream, &kernelH) || !read_field(stream, &conv->strideW) || !read_field(stream, &conv->strideH) ||
-        !read_field(stream, &conv->padW) || !read_field(stream, &conv->padH) || !read_field(stream, &conv->hasBias) ||
-        !read_field(stream, &conv->quantized))
+    if (!vo::read_fields(stream, kUnit, kLoad, &num, &channel, &kernelW, &kernelH, &conv->strideW, &conv->strideH,
+                         &conv->padW, &conv->padH, &conv->hasBias, &conv->quantized))
         return 4;
     // The int8 record is read by the int8 path, which this build does not have.
     VO_CHECK_IN(kLoad, conv->quantized == 0, return 4);
     VO_CHECK_IN(kLoad, conv->hasBias <= 1, return 4);
     VO_CHECK_IN(kLoad, num > 0 && channel > 0, return 4);
-    VO_CHECK_IN(kLoad, kernelW >= 1 && kernelW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, kernelH >= 1 && kernelH <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->strideW >= 1 && conv->strideW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->strideH >= 1 && conv->strideH <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->padW >= 0 && conv->padW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->padH >= 0 && conv->padH <= kMaxExtent, return 4);
+    if (!vo::geometry_ok(kUnit, kLoad, conv, kernelW, kernelH)) return 4;
 
     int64_t count = vo::checked_count(num, channel, kernelH, kernelW);
     VO_CHECK_IN(kLoad, count >= 0, return 4);
-    if (!file_holds(stream, count, "ret == weights->capacity")) return 4;
-    if (conv->hasBias && !file_holds(stream, count + num, "ret == conv->bias->capacity")) return 4;
+    if (!vo::bank_in_file(stream, conv, count, num, kUnit, kLoad)) return 4;
 
     VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, num, channel, kernelH, kernelW) == 0, return 4);
-    Tensor* weights = conv->weights;
-    int64_t ret = int64_t(fread(weights->data, sizeof(float), size_t(weights->capacity), stream));
-    VO_CHECK_IN(kLoad, ret == weights->capacity, return 4);
-
+    if (!vo::read_weights(stream, conv, kUnit, kLoad)) return 4;
     if (conv->hasBias) {
         VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->bias, 1, num, 1, 1) == 0, return 4);
-        ret = int64_t(fread(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
-        VO_CHECK_IN(kLoad, ret == conv->bias->capacity, return 4);
+        if (!vo::read_bias(stream, conv, kUnit, kLoad)) return 4;
     }
     conv->is1x1 = kernelW == 1 && kernelH == 1 && conv->strideW == 1 && conv->strideH == 1 && conv->padW == 0 &&
                   conv->padH == 0;
@@ -117,17 +79,8 @@ int conv_shape(const Convolution* conv, const Tensor* src, const char* op, ConvS
 Convolution* create_convolution() { return static_cast<Convolution*>(calloc(1, sizeof(Convolution))); }
 
 int load_conv(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Convolution* conv = create_convolution();
-    VO_CHECK(conv != nullptr, return 4);
-    if (int status = read_conv(stream, conv)) {
-        release_conv(&conv);
-        return status;
-    }
-    *result = conv;
-    return 0;
+    return vo::load_record<Convolution, create_convolution, read_conv, release_conv>(stream, result, kUnit, __func__,
+                                                                                      "conv != nullptr");
 }
 
 int save_conv(FILE* stream, Convolution* conv) {
@@ -137,18 +90,10 @@ int save_conv(FILE* stream, Convolution* conv) {
     VO_CHECK(!conv->hasBias || conv->bias != nullptr, return 7);
     // Writing the int8 record belongs to the int8 path, not built here.
     VO_CHECK(conv->quantized == 0, return 4);
-    if (!write_field(stream, weights->num) || !write_field(stream, weights->channel) ||
-        !write_field(stream, weights->width) || !write_field(stream, weights->height) ||
-        !write_field(stream, conv->strideW) || !write_field(stream, conv->strideH) ||
-        !write_field(stream, conv->padW) || !write_field(stream, conv->padH) || !write_field(stream, conv->hasBias) ||
-        !write_field(stream, conv->quantized))
+    if (!vo::write_fields(stream, kUnit, __func__, weights->num, weights->channel, weights->width, weights->height,
+                          conv->strideW, conv->strideH, conv->padW, conv->padH, conv->hasBias, conv->quantized) ||
+        !vo::write_bank(stream, conv, kUnit, __func__))
         return 4;
-    int64_t ret = int64_t(fwrite(weights->data, sizeof(float), size_t(weights->capacity), stream));
-    VO_CHECK(ret == weights->capacity, return 4);
-    if (conv->hasBias) {
-        ret = int64_t(fwrite(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
-        VO_CHECK(ret == conv->bias->capacity, return 4);
-    }
     return 0;
 }
 

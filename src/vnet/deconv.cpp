@@ -8,7 +8,9 @@
 #include <cstdlib>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "kernels/gemm.h"
+#include "vnet/conv_common.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
 
@@ -16,65 +18,27 @@ namespace {
 
 constexpr const char* kUnit = "vnet/deconv";
 constexpr const char* kLoad = "load_deconv";
-constexpr const char* kSave = "save_deconv";
-
-// Kernel sizes, strides and paddings above this are refused: no real
-// network comes near it, and it keeps every size computation far from
-// int32 overflow.
-constexpr int32_t kMaxExtent = 65535;
-
-template <typename T>
-bool read_field(FILE* stream, T* field) {
-    size_t ret = fread(field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kLoad, ret == 1, return false);
-    return true;
-}
-
-template <typename T>
-bool write_field(FILE* stream, const T& field) {
-    size_t ret = fwrite(&field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kSave, ret == 1, return false);
-    return true;
-}
-
-// A record that claims more values than the rest of the file holds would
-// end in a short read: it is refused as one before anything is allocated.
-bool file_holds(FILE* stream, int64_t count, const char* check) {
-    if (vo::fits_in_file(stream, count, sizeof(float))) return true;
-    vo::check_failed(kUnit, kLoad, check);
-    return false;
-}
 
 // Reads the record into `conv`; on failure the caller releases it.
 int read_deconv(FILE* stream, Deconv* conv) {
     int32_t outChannels = 0, inChannels = 0, kernelW = 0, kernelH = 0;
-    if (!read_field(stream, &outChannels) || !read_field(stream, &inChannels) || !read_field(stream, &kernelW) ||
-        !read_field(stream, &kernelH) || !read_field(stream, &conv->strideW) || !read_field(stream, &conv->strideH) ||
-        !read_field(stream, &conv->padW) || !read_field(stream, &conv->padH) || !read_field(stream, &conv->hasBias))
+    if (!vo::read_fields(stream, kUnit, kLoad, &outChannels, &inChannels, &kernelW, &kernelH, &conv->strideW,
+                         &conv->strideH, &conv->padW, &conv->padH, &conv->hasBias))
         return 4;
     VO_CHECK_IN(kLoad, conv->hasBias <= 1, return 4);
     VO_CHECK_IN(kLoad, outChannels > 0 && inChannels > 0, return 4);
-    VO_CHECK_IN(kLoad, kernelW >= 1 && kernelW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, kernelH >= 1 && kernelH <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->strideW >= 1 && conv->strideW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->strideH >= 1 && conv->strideH <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->padW >= 0 && conv->padW <= kMaxExtent, return 4);
-    VO_CHECK_IN(kLoad, conv->padH >= 0 && conv->padH <= kMaxExtent, return 4);
+    if (!vo::geometry_ok(kUnit, kLoad, conv, kernelW, kernelH)) return 4;
 
     int64_t count = vo::checked_count(inChannels, outChannels, kernelH, kernelW);
     VO_CHECK_IN(kLoad, count >= 0, return 4);
-    if (!file_holds(stream, count, "ret == weights->capacity")) return 4;
-    if (conv->hasBias && !file_holds(stream, count + outChannels, "ret == conv->bias->capacity")) return 4;
+    if (!vo::bank_in_file(stream, conv, count, outChannels, kUnit, kLoad)) return 4;
 
     VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, inChannels, outChannels, kernelH, kernelW) == 0,
                 return 4);
-    Tensor* weights = conv->weights;
-    int64_t ret = int64_t(fread(weights->data, sizeof(float), size_t(weights->capacity), stream));
-    VO_CHECK_IN(kLoad, ret == weights->capacity, return 4);
+    if (!vo::read_weights(stream, conv, kUnit, kLoad)) return 4;
     if (conv->hasBias) {
         VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->bias, 1, outChannels, 1, 1) == 0, return 4);
-        ret = int64_t(fread(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
-        VO_CHECK_IN(kLoad, ret == conv->bias->capacity, return 4);
+        if (!vo::read_bias(stream, conv, kUnit, kLoad)) return 4;
     }
     conv->is1x1 = kernelW == 1 && kernelH == 1 && conv->strideW == 1 && conv->strideH == 1 && conv->padW == 0 &&
                   conv->padH == 0;
@@ -113,17 +77,8 @@ int deconv_shape(const Deconv* deconv, const Tensor* src, const char* op, Deconv
 Deconv* create_deconv() { return static_cast<Deconv*>(calloc(1, sizeof(Deconv))); }
 
 int load_deconv(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Deconv* deconv = create_deconv();
-    VO_CHECK(deconv != nullptr, return 4);
-    if (int status = read_deconv(stream, deconv)) {
-        release_deconv(&deconv);
-        return status;
-    }
-    *result = deconv;
-    return 0;
+    return vo::load_record<Deconv, create_deconv, read_deconv, release_deconv>(stream, result, kUnit, __func__,
+                                                                            "deconv != nullptr");
 }
 
 int save_deconv(FILE* stream, Deconv* deconv) {
@@ -132,17 +87,10 @@ int save_deconv(FILE* stream, Deconv* deconv) {
     Tensor* weights = conv->weights;
     VO_CHECK(weights != nullptr, return 7);
     VO_CHECK(!conv->hasBias || conv->bias != nullptr, return 7);
-    if (!write_field(stream, weights->channel) || !write_field(stream, weights->num) ||
-        !write_field(stream, weights->width) || !write_field(stream, weights->height) ||
-        !write_field(stream, conv->strideW) || !write_field(stream, conv->strideH) ||
-        !write_field(stream, conv->padW) || !write_field(stream, conv->padH) || !write_field(stream, conv->hasBias))
+    if (!vo::write_fields(stream, kUnit, __func__, weights->channel, weights->num, weights->width, weights->height,
+                          conv->strideW, conv->strideH, conv->padW, conv->padH, conv->hasBias) ||
+        !vo::write_bank(stream, conv, kUnit, __func__))
         return 4;
-    int64_t ret = int64_t(fwrite(weights->data, sizeof(float), size_t(weights->capacity), stream));
-    VO_CHECK(ret == weights->capacity, return 4);
-    if (conv->hasBias) {
-        ret = int64_t(fwrite(conv->bias->data, sizeof(float), size_t(conv->bias->capacity), stream));
-        VO_CHECK(ret == conv->bias->capacity, return 4);
-    }
     return 0;
 }
 

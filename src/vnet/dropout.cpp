@@ -6,35 +6,30 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/activation_common.h"
 #include "vnet/layer_registry.h"
 
 namespace {
+
 constexpr const char* kUnit = "vnet/dropout";
+
+int read_dropout(FILE* stream, Dropout* dropout) {
+    return vo::read_field(stream, &dropout->dropoutParam, kUnit, "load_dropout") ? 0 : 4;
+}
+
 }  // namespace
 
 Dropout* create_dropout() { return static_cast<Dropout*>(calloc(1, sizeof(Dropout))); }
 
 int load_dropout(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Dropout* dropout = create_dropout();
-    VO_CHECK(dropout != nullptr, return 4);
-    size_t ret = fread(&dropout->dropoutParam, 4, 1, stream);
-    VO_CHECK(ret == 1, {
-        release_dropout(&dropout);
-        return 4;
-    });
-    *result = dropout;
-    return 0;
+    return vo::load_record<Dropout, create_dropout, read_dropout, release_dropout>(stream, result, kUnit, __func__,
+                                                                                "dropout != nullptr");
 }
 
 int save_dropout(FILE* stream, Dropout* dropout) {
     if (!dropout || !stream) return 7;
-    size_t ret = fwrite(&dropout->dropoutParam, 4, 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    return 0;
+    return vo::write_field(stream, dropout->dropoutParam, kUnit, __func__) ? 0 : 4;
 }
 
 int reshape_dropout(Dropout* dropout, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
@@ -42,19 +37,13 @@ int reshape_dropout(Dropout* dropout, Tensor** inputs, int isize, Tensor** outpu
 }
 
 int forward_dropout(Dropout* dropout, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
-    if (!dropout) return 7;
-    const int64_t count = inputs && isize > 0 && inputs[0] ? inputs[0]->capacity : 0;
-    if (int status = vo::forward_tensors_ok(inputs, isize, outputs, osize, count)) return status;
-    if (outputs[0] == inputs[0]) return 0;
-    if (count > 0) memcpy(outputs[0]->data, inputs[0]->data, size_t(count) * sizeof(float));
-    return 0;
+    const int64_t count = vo::input_capacity(inputs, isize);
+    return vo::forward_elementwise(dropout, inputs, isize, outputs, osize, count, [count](const Tensor* x, Tensor* y) {
+        if (y != x && count > 0) memcpy(y->data, x->data, size_t(count) * sizeof(float));
+    });
 }
 
-void release_dropout(Dropout** slot) {
-    if (!slot || !*slot) return;
-    free(*slot);
-    *slot = nullptr;
-}
+void release_dropout(Dropout** slot) { vo::free_record(slot); }
 
 void get_info_dropout(Dropout*, char* text) {
     if (text) strcpy(text, "Dropout");

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -21,42 +22,36 @@ bool coefficients_cover(const Eltwise* eltwise, int isize) {
     return eltwise->coeffSize == 0 || (eltwise->coeffSize >= isize && eltwise->coeffs);
 }
 
+int read_eltwise(FILE* stream, Eltwise* eltwise) {
+    constexpr const char* kLoad = "load_eltwise";
+    if (!vo::read_fields(stream, kUnit, kLoad, &eltwise->operation, &eltwise->coeffSize)) return 4;
+    if (eltwise->coeffSize > 0) {
+        VO_CHECK_IN(kLoad, vo::fits_in_file(stream, eltwise->coeffSize, sizeof(float)), return 4);
+        eltwise->coeffs = static_cast<float*>(calloc(size_t(eltwise->coeffSize), sizeof(float)));
+        VO_CHECK_IN(kLoad, eltwise->coeffs != nullptr, return 4);
+        if (!vo::read_values(stream, eltwise->coeffs, eltwise->coeffSize, kUnit, kLoad, "ret == eltwise->coeffSize"))
+            return 4;
+    }
+    return 0;
+}
+
 }  // namespace
 
 Eltwise* create_eltwise() { return static_cast<Eltwise*>(calloc(1, sizeof(Eltwise))); }
 
 int load_eltwise(FILE* stream, void** result) {
     if (!stream) return 1;
-    if (!result) return 2;
-    *result = nullptr;
-    Eltwise* eltwise = create_eltwise();
-    VO_CHECK(eltwise != nullptr, return 4);
-    int64_t ret = int64_t(fread(&eltwise->operation, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_eltwise(&eltwise); return 4; });
-    ret = int64_t(fread(&eltwise->coeffSize, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_eltwise(&eltwise); return 4; });
-    if (eltwise->coeffSize > 0) {
-        VO_CHECK(vo::fits_in_file(stream, eltwise->coeffSize, sizeof(float)), { release_eltwise(&eltwise); return 4; });
-        eltwise->coeffs = static_cast<float*>(calloc(size_t(eltwise->coeffSize), sizeof(float)));
-        VO_CHECK(eltwise->coeffs != nullptr, { release_eltwise(&eltwise); return 4; });
-        ret = int64_t(fread(eltwise->coeffs, sizeof(float), size_t(eltwise->coeffSize), stream));
-        VO_CHECK(ret == eltwise->coeffSize, { release_eltwise(&eltwise); return 4; });
-    }
-    *result = eltwise;
-    return 0;
+    return vo::load_record<Eltwise, create_eltwise, read_eltwise, release_eltwise>(stream, result, kUnit, __func__,
+                                                                                "eltwise != nullptr");
 }
 
 int save_eltwise(FILE* stream, Eltwise* eltwise) {
     if (!stream || !eltwise) return 1;
     if (eltwise->coeffSize > 0 && !eltwise->coeffs) return 7;
-    int64_t ret = int64_t(fwrite(&eltwise->operation, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    ret = int64_t(fwrite(&eltwise->coeffSize, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    if (eltwise->coeffSize >= 1) {
-        ret = int64_t(fwrite(eltwise->coeffs, sizeof(float), size_t(eltwise->coeffSize), stream));
-        VO_CHECK(ret == eltwise->coeffSize, return 4);
-    }
+    if (!vo::write_fields(stream, kUnit, __func__, eltwise->operation, eltwise->coeffSize)) return 4;
+    if (eltwise->coeffSize >= 1 &&
+        !vo::write_values(stream, eltwise->coeffs, eltwise->coeffSize, kUnit, __func__, "ret == eltwise->coeffSize"))
+        return 4;
     return 0;
 }
 

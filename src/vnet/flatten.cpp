@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -21,35 +22,28 @@ bool valid_axes(const Flatten* f) {
     return start >= 0 && start <= 3 && end >= 0 && end <= 3 && start <= end;
 }
 
+int read_flatten(FILE* stream, Flatten* flatten) {
+    constexpr const char* kLoad = "load_flatten";
+    if (!vo::read_fields(stream, kUnit, kLoad, &flatten->startAxis, &flatten->endAxis)) return 4;
+    const int start = axis_index(flatten->startAxis), end = axis_index(flatten->endAxis);
+    VO_CHECK_IN(kLoad, start >= 0 && start <= 3, return 4);
+    VO_CHECK_IN(kLoad, end >= 0 && end <= 3, return 4);
+    VO_CHECK_IN(kLoad, start <= end, return 4);
+    return 0;
+}
+
 }  // namespace
 
 Flatten* create_flatten() { return static_cast<Flatten*>(calloc(1, sizeof(Flatten))); }
 
 int load_flatten(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Flatten* flatten = create_flatten();
-    VO_CHECK(flatten != nullptr, return 4);
-    size_t ret = fread(&flatten->startAxis, 1, 1, stream);
-    VO_CHECK(ret == 1, { release_flatten(&flatten); return 4; });
-    ret = fread(&flatten->endAxis, 1, 1, stream);
-    VO_CHECK(ret == 1, { release_flatten(&flatten); return 4; });
-    const int start = axis_index(flatten->startAxis), end = axis_index(flatten->endAxis);
-    VO_CHECK(start >= 0 && start <= 3, { release_flatten(&flatten); return 4; });
-    VO_CHECK(end >= 0 && end <= 3, { release_flatten(&flatten); return 4; });
-    VO_CHECK(start <= end, { release_flatten(&flatten); return 4; });
-    *result = flatten;
-    return 0;
+    return vo::load_record<Flatten, create_flatten, read_flatten, release_flatten>(stream, result, kUnit, __func__,
+                                                                                "flatten != nullptr");
 }
 
 int save_flatten(FILE* stream, Flatten* flatten) {
     if (!stream || !flatten) return 7;
-    size_t ret = fwrite(&flatten->startAxis, 1, 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    ret = fwrite(&flatten->endAxis, 1, 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    return 0;
+    return vo::write_fields(stream, kUnit, __func__, flatten->startAxis, flatten->endAxis) ? 0 : 4;
 }
 
 int reshape_flatten(Flatten* flatten, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
@@ -59,8 +53,7 @@ int reshape_flatten(Flatten* flatten, Tensor** inputs, int isize, Tensor** outpu
     if (!valid_axes(flatten)) return 7;  // refused at load; only a record built in memory
     VO_CHECK(vo::holds_shape(src), return 5);
     int64_t shape[4];
-    vo::axis_dims(src, shape);
-    for (int i = 0; i < 4; ++i) VO_CHECK(shape[i] >= 1, return 5);
+    if (!vo::nonempty_dims(kUnit, __func__, src, shape)) return 5;
     const int start = axis_index(flatten->startAxis), end = axis_index(flatten->endAxis);
     int64_t merged[4] = {1, 1, 1, 1};
     for (int i = 0; i < start; ++i) merged[i] = shape[i];
@@ -81,11 +74,7 @@ int forward_flatten(Flatten* flatten, Tensor** inputs, int, Tensor** outputs, in
     return 0;
 }
 
-void release_flatten(Flatten** flatten) {
-    if (!flatten) return;
-    free(*flatten);
-    *flatten = nullptr;
-}
+void release_flatten(Flatten** flatten) { vo::free_record(flatten); }
 
 void get_info_flatten(Flatten*, char* text) {
     if (text) snprintf(text, 128, "Flatten");

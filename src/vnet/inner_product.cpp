@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "kernels/gemm.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
@@ -14,52 +15,27 @@ namespace {
 
 constexpr const char* kUnit = "vnet/inner_product";
 constexpr const char* kLoad = "load_inner_product";
-constexpr const char* kSave = "save_inner_product";
-
-template <typename T>
-bool read_field(FILE* stream, T* field) {
-    size_t ret = fread(field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kLoad, ret == 1, return false);
-    return true;
-}
-
-template <typename T>
-bool write_field(FILE* stream, const T& field) {
-    size_t ret = fwrite(&field, sizeof(T), 1, stream);
-    VO_CHECK_IN(kSave, ret == 1, return false);
-    return true;
-}
-
-// A record that claims more values than the rest of the file holds would
-// end in a short read: it is refused as one before anything is allocated.
-bool file_holds(FILE* stream, int64_t count, const char* check) {
-    if (vo::fits_in_file(stream, count, sizeof(float))) return true;
-    vo::check_failed(kUnit, kLoad, check);
-    return false;
-}
 
 // Reads the record into `fc`; on failure the caller releases it.
 int read_inner_product(FILE* stream, InnerProduct* fc) {
-    if (!read_field(stream, &fc->hasBias) || !read_field(stream, &fc->quantized) ||
-        !read_field(stream, &fc->inputDim) || !read_field(stream, &fc->outputDim))
-        return 4;
+    if (!vo::read_fields(stream, kUnit, kLoad, &fc->hasBias, &fc->quantized, &fc->inputDim, &fc->outputDim)) return 4;
     // The int8 record is read by the int8 path, which this build does not have.
     VO_CHECK_IN(kLoad, fc->quantized == 0, return 4);
     VO_CHECK_IN(kLoad, fc->hasBias <= 1, return 4);
     VO_CHECK_IN(kLoad, fc->inputDim > 0 && fc->outputDim > 0, return 4);
     int64_t count = vo::checked_count(1, 1, fc->inputDim, fc->outputDim);
     VO_CHECK_IN(kLoad, count >= 0, return 4);
-    if (!file_holds(stream, count, "ret == fc->inputDim * fc->outputDim")) return 4;
-    if (fc->hasBias && !file_holds(stream, count + fc->outputDim, "ret == fc->outputDim")) return 4;
+    if (!vo::file_holds(stream, count, sizeof(float), kUnit, kLoad, "ret == fc->inputDim * fc->outputDim")) return 4;
+    if (fc->hasBias &&
+        !vo::file_holds(stream, count + fc->outputDim, sizeof(float), kUnit, kLoad, "ret == fc->outputDim"))
+        return 4;
 
     VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&fc->weights, 1, 1, fc->inputDim, fc->outputDim) == 0, return 4);
-    // count fits in int32 (checked above), so the product below cannot overflow.
-    int64_t ret = int64_t(fread(fc->weights->data, sizeof(float), size_t(count), stream));
-    VO_CHECK_IN(kLoad, ret == fc->inputDim * fc->outputDim, return 4);
+    if (!vo::read_values(stream, fc->weights->data, count, kUnit, kLoad, "ret == fc->inputDim * fc->outputDim"))
+        return 4;
     if (fc->hasBias) {
         VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&fc->bias, 1, 1, 1, fc->outputDim) == 0, return 4);
-        ret = int64_t(fread(fc->bias->data, sizeof(float), size_t(fc->outputDim), stream));
-        VO_CHECK_IN(kLoad, ret == fc->outputDim, return 4);
+        if (!vo::read_values(stream, fc->bias->data, fc->outputDim, kUnit, kLoad, "ret == fc->outputDim")) return 4;
     }
     return 0;
 }
@@ -81,17 +57,8 @@ int check_shapes(const InnerProduct* fc, const Tensor* src, const char* op) {
 InnerProduct* create_inner_product() { return static_cast<InnerProduct*>(calloc(1, sizeof(InnerProduct))); }
 
 int load_inner_product(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    InnerProduct* fc = create_inner_product();
-    VO_CHECK(fc != nullptr, return 4);
-    if (int status = read_inner_product(stream, fc)) {
-        release_inner_product(&fc);
-        return status;
-    }
-    *result = fc;
-    return 0;
+    return vo::load_record<InnerProduct, create_inner_product, read_inner_product, release_inner_product>(
+        stream, result, kUnit, __func__, "fc != nullptr");
 }
 
 int save_inner_product(FILE* stream, InnerProduct* fc) {
@@ -100,15 +67,12 @@ int save_inner_product(FILE* stream, InnerProduct* fc) {
     VO_CHECK(!fc->hasBias || (fc->bias != nullptr && fc->bias->capacity == fc->outputDim), return 7);
     // Writing the int8 record belongs to the int8 path, not built here.
     VO_CHECK(fc->quantized == 0, return 4);
-    if (!write_field(stream, fc->hasBias) || !write_field(stream, fc->quantized) ||
-        !write_field(stream, fc->inputDim) || !write_field(stream, fc->outputDim))
+    if (!vo::write_fields(stream, kUnit, __func__, fc->hasBias, fc->quantized, fc->inputDim, fc->outputDim) ||
+        !vo::write_values(stream, fc->weights->data, fc->weights->capacity, kUnit, __func__,
+                          "ret == fc->inputDim * fc->outputDim") ||
+        (fc->hasBias &&
+         !vo::write_values(stream, fc->bias->data, fc->outputDim, kUnit, __func__, "ret == fc->outputDim")))
         return 4;
-    int64_t ret = int64_t(fwrite(fc->weights->data, sizeof(float), size_t(fc->weights->capacity), stream));
-    VO_CHECK(ret == fc->inputDim * fc->outputDim, return 4);
-    if (fc->hasBias) {
-        ret = int64_t(fwrite(fc->bias->data, sizeof(float), size_t(fc->outputDim), stream));
-        VO_CHECK(ret == fc->outputDim, return 4);
-    }
     return 0;
 }
 

@@ -10,6 +10,8 @@
 
 #include <vonet/net.h>
 
+#include <stdlib.h>
+
 namespace vo {
 
 typedef int (*LayerLoadOp)(FILE* stream, void** result);
@@ -53,6 +55,15 @@ template <typename R, TypedRunOp<R> Forward, TypedRunOp<R> Reshape, int (*Save)(
 constexpr LayerOps make_layer_ops() {
     return LayerOps{&erased_run<R, Forward>,   &erased_run<R, Reshape>,      &erased_save<R, Save>,
                     &erased_release<R, Release>, &erased_get_info<R, GetInfo>, Load};
+}
+
+// The release operation of a record that owns nothing but itself: frees it
+// and clears the caller's pointer (null or an empty slot is fine).
+template <typename R>
+void free_record(R** slot) {
+    if (!slot) return;
+    free(*slot);
+    *slot = nullptr;
 }
 
 // Operations of the built layer types, one per type's source file, e.g.

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -23,48 +24,36 @@ int64_t scales_needed(const Normalize* norm, int64_t channel) {
     return norm->scalePerChannel && norm->normPerChannel ? channel : 1;
 }
 
+int read_normalize(FILE* stream, Normalize* norm) {
+    constexpr const char* kLoad = "load_normalize";
+    int32_t scaleSize = 0;
+    if (!vo::read_fields(stream, kUnit, kLoad, &norm->normPerChannel, &norm->scalePerChannel, &scaleSize)) return 4;
+    // Every group reads at least the first scale value; how many more a
+    // per-channel record reads depends on the input and is checked at
+    // reshape.
+    VO_CHECK_IN(kLoad, scaleSize >= 1, return 4);
+    VO_CHECK_IN(kLoad, vo::fits_in_file(stream, scaleSize, sizeof(float)), return 4);
+    norm->scale = create_tensor(1, 1, 1, scaleSize);
+    VO_CHECK_IN(kLoad, vo::holds_shape(norm->scale), return 4);
+    return vo::read_values(stream, norm->scale->data, scaleSize, kUnit, kLoad, "ret == scaleSize") ? 0 : 4;
+}
+
 }  // namespace
 
 Normalize* create_normalize() { return static_cast<Normalize*>(calloc(1, sizeof(Normalize))); }
 
 int load_normalize(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Normalize* norm = create_normalize();
-    VO_CHECK(norm != nullptr, return 4);
-    int64_t ret = int64_t(fread(&norm->normPerChannel, 1, 1, stream));
-    VO_CHECK(ret == 1, { release_normalize(&norm); return 4; });
-    ret = int64_t(fread(&norm->scalePerChannel, 1, 1, stream));
-    VO_CHECK(ret == 1, { release_normalize(&norm); return 4; });
-    int32_t scaleSize = 0;
-    ret = int64_t(fread(&scaleSize, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_normalize(&norm); return 4; });
-    // Every group reads at least the first scale value; how many more a
-    // per-channel record reads depends on the input and is checked at
-    // reshape.
-    VO_CHECK(scaleSize >= 1, { release_normalize(&norm); return 4; });
-    VO_CHECK(vo::fits_in_file(stream, scaleSize, sizeof(float)), { release_normalize(&norm); return 4; });
-    norm->scale = create_tensor(1, 1, 1, scaleSize);
-    VO_CHECK(vo::holds_shape(norm->scale), { release_normalize(&norm); return 4; });
-    ret = int64_t(fread(norm->scale->data, sizeof(float), size_t(scaleSize), stream));
-    VO_CHECK(ret == scaleSize, { release_normalize(&norm); return 4; });
-    *result = norm;
-    return 0;
+    return vo::load_record<Normalize, create_normalize, read_normalize, release_normalize>(stream, result, kUnit,
+                                                                                        __func__, "norm != nullptr");
 }
 
 int save_normalize(FILE* stream, Normalize* norm) {
     if (!stream || !norm) return 7;
     if (!vo::holds_shape(norm->scale)) return 7;
-    int64_t ret = int64_t(fwrite(&norm->normPerChannel, 1, 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    ret = int64_t(fwrite(&norm->scalePerChannel, 1, 1, stream));
-    VO_CHECK(ret == 1, return 4);
     const int32_t scaleSize = norm->scale->capacity;
-    ret = int64_t(fwrite(&scaleSize, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    ret = int64_t(fwrite(norm->scale->data, sizeof(float), size_t(scaleSize), stream));
-    VO_CHECK(ret == scaleSize, return 4);
+    if (!vo::write_fields(stream, kUnit, __func__, norm->normPerChannel, norm->scalePerChannel, scaleSize) ||
+        !vo::write_values(stream, norm->scale->data, scaleSize, kUnit, __func__, "ret == scaleSize"))
+        return 4;
     return 0;
 }
 
@@ -74,12 +63,10 @@ int reshape_normalize(Normalize* norm, Tensor** inputs, int, Tensor** outputs, i
     const Tensor* src = inputs[0];
     if (!src || !outputs[0]) return 5;
     if (!vo::holds_shape(norm->scale)) return 7;
-    VO_CHECK(vo::holds_shape(src), return 5);
-    VO_CHECK(src->num >= 1 && src->channel >= 1 && src->height >= 1 && src->width >= 1, return 5);
+    if (!vo::holds_nonempty(kUnit, __func__, src)) return 5;
     VO_CHECK(norm->scale->capacity >= scales_needed(norm, src->channel), return 5);
     // In place is allowed: a group is read in full before it is written.
-    if (outputs[0] == src) return 0;
-    return vo::reshape_tensor_checked(&outputs[0], src->num, src->channel, src->height, src->width);
+    return vo::reshape_as_input(&outputs[0], src);
 }
 
 int forward_normalize(Normalize* norm, Tensor** inputs, int, Tensor** outputs, int, ForwardParams*) {
@@ -88,10 +75,7 @@ int forward_normalize(Normalize* norm, Tensor** inputs, int, Tensor** outputs, i
     const Tensor* src = inputs[0];
     Tensor* res = outputs[0];
     VO_CHECK(vo::holds_shape(src) && vo::holds_shape(res), return 5);
-    VO_CHECK(src->num == res->num, return 5);
-    VO_CHECK(src->width == res->width, return 5);
-    VO_CHECK(src->height == res->height, return 5);
-    VO_CHECK(src->channel == res->channel, return 5);
+    if (!vo::same_shape(kUnit, __func__, src, res)) return 5;
     VO_CHECK(norm->scale->capacity >= scales_needed(norm, src->channel), return 5);
 
     const int64_t plane = int64_t(src->height) * src->width;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr const char* kUnit = "vnet/piece";
+constexpr const char* kLoad = "load_piece";
 constexpr int32_t kMaxLevel = 15;  // 2^15 x 2^15 blocks still count in int32 (load checks the same)
 
 // Spreads the low `level` bits of v so that bit k lands at bit
@@ -46,33 +48,25 @@ bool piece_shape(const char* op, const Piece* piece, const Tensor* src, int64_t 
     return true;
 }
 
+int read_piece(FILE* stream, Piece* piece) {
+    if (!vo::read_fields(stream, kUnit, kLoad, &piece->level, &piece->direction)) return 4;
+    VO_CHECK_IN(kLoad, piece->level >= 0 && piece->level <= 15, return 4);
+    return 0;
+}
+
 }  // namespace
 
 Piece* create_piece() { return static_cast<Piece*>(calloc(1, sizeof(Piece))); }
 
 int load_piece(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Piece* piece = create_piece();
-    VO_CHECK(piece != nullptr, return 4);
-    size_t ret = fread(&piece->level, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, { release_piece(&piece); return 4; });
-    ret = fread(&piece->direction, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, { release_piece(&piece); return 4; });
-    VO_CHECK(piece->level >= 0 && piece->level <= 15, { release_piece(&piece); return 4; });
-    *result = piece;
-    return 0;
+    return vo::load_record<Piece, create_piece, read_piece, release_piece>(stream, result, kUnit, __func__,
+                                                                        "piece != nullptr");
 }
 
 int save_piece(FILE* stream, Piece* piece) {
     if (!stream) return 4;
     if (!piece) return 7;
-    size_t ret = fwrite(&piece->level, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    ret = fwrite(&piece->direction, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    return 0;
+    return vo::write_fields(stream, kUnit, __func__, piece->level, piece->direction) ? 0 : 4;
 }
 
 int reshape_piece(Piece* piece, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
@@ -83,8 +77,7 @@ int reshape_piece(Piece* piece, Tensor** inputs, int isize, Tensor** outputs, in
     if (piece->level < 0 || piece->level > kMaxLevel) return 7;  // refused at load
     // Values move between positions: in place would overwrite unread input.
     VO_CHECK(src != outputs[0], return 5);
-    VO_CHECK(vo::holds_shape(src), return 5);
-    VO_CHECK(src->num >= 1 && src->channel >= 1 && src->height >= 1 && src->width >= 1, return 5);
+    if (!vo::holds_nonempty(kUnit, __func__, src)) return 5;
     int64_t shape[4];
     if (!piece_shape(__func__, piece, src, shape)) return 5;
     VO_CHECK(shape[1] >= 1 && shape[2] >= 1 && shape[3] >= 1, return 5);
@@ -132,11 +125,7 @@ int forward_piece(Piece* piece, Tensor** inputs, int isize, Tensor** outputs, in
     return 0;
 }
 
-void release_piece(Piece** piece) {
-    if (!piece) return;
-    free(*piece);
-    *piece = nullptr;
-}
+void release_piece(Piece** piece) { vo::free_record(piece); }
 
 void get_info_piece(Piece* piece, char* text) {
     if (!text) return;

@@ -10,12 +10,14 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
 
 namespace {
 
 constexpr const char* kUnit = "vnet/pool";
+constexpr const char* kLoad = "load_pooling";
 
 // Minimal requirements for the window walk to be defined; a file is held to
 // the tighter bounds of load_pooling.
@@ -177,6 +179,21 @@ int64_t padded_extent(int32_t in, int32_t kernel, int32_t stride, int32_t pad) {
     return r == 0 ? e : e + (r > 0 ? stride - r : -r);
 }
 
+int read_pooling(FILE* stream, Pooling* pool) {
+    if (!vo::read_fields(stream, kUnit, kLoad, &pool->type, &pool->kernelW, &pool->kernelH, &pool->padW, &pool->padH,
+                         &pool->strideW, &pool->strideH, &pool->global))
+        return 4;
+    // A file may declare kernels, strides and pads up to 65535.
+    VO_CHECK_IN(kLoad, pool->type >= 0 && pool->type <= 2, return 4);
+    VO_CHECK_IN(kLoad, pool->kernelW >= 1 && pool->kernelW <= 65535, return 4);
+    VO_CHECK_IN(kLoad, pool->kernelH >= 1 && pool->kernelH <= 65535, return 4);
+    VO_CHECK_IN(kLoad, pool->strideW >= 1 && pool->strideW <= 65535, return 4);
+    VO_CHECK_IN(kLoad, pool->strideH >= 1 && pool->strideH <= 65535, return 4);
+    VO_CHECK_IN(kLoad, pool->padW >= 0 && pool->padW <= 65535, return 4);
+    VO_CHECK_IN(kLoad, pool->padH >= 0 && pool->padH <= 65535, return 4);
+    return 0;
+}
+
 }  // namespace
 
 void calculate_pool_result_size(int32_t inW, int32_t inH, int32_t kernelW, int32_t kernelH, int32_t strideW,
@@ -196,42 +213,15 @@ void calculate_pool_result_size(int32_t inW, int32_t inH, int32_t kernelW, int32
 Pooling* create_pooling() { return static_cast<Pooling*>(calloc(1, sizeof(Pooling))); }
 
 int load_pooling(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Pooling* pool = create_pooling();
-    VO_CHECK(pool != nullptr, return 4);
-    int32_t* fields[] = {&pool->type,  &pool->kernelW, &pool->kernelH, &pool->padW,
-                         &pool->padH, &pool->strideW, &pool->strideH};
-    for (int32_t* field : fields) {
-        size_t ret = fread(field, sizeof(int32_t), 1, stream);
-        VO_CHECK(ret == 1, { release_pooling(&pool); return 4; });
-    }
-    size_t ret = fread(&pool->global, 1, 1, stream);
-    VO_CHECK(ret == 1, { release_pooling(&pool); return 4; });
-
-    // A file may declare kernels, strides and pads up to 65535.
-    VO_CHECK(pool->type >= 0 && pool->type <= 2, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->kernelW >= 1 && pool->kernelW <= 65535, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->kernelH >= 1 && pool->kernelH <= 65535, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->strideW >= 1 && pool->strideW <= 65535, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->strideH >= 1 && pool->strideH <= 65535, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->padW >= 0 && pool->padW <= 65535, { release_pooling(&pool); return 4; });
-    VO_CHECK(pool->padH >= 0 && pool->padH <= 65535, { release_pooling(&pool); return 4; });
-    *result = pool;
-    return 0;
+    return vo::load_record<Pooling, create_pooling, read_pooling, release_pooling>(stream, result, kUnit, __func__,
+                                                                                "pool != nullptr");
 }
 
 int save_pooling(FILE* stream, Pooling* pool) {
     if (!stream || !pool) return 4;
-    const int32_t fields[] = {pool->type, pool->kernelW, pool->kernelH, pool->padW,
-                              pool->padH, pool->strideW, pool->strideH};
-    for (const int32_t& field : fields) {
-        size_t ret = fwrite(&field, sizeof(int32_t), 1, stream);
-        VO_CHECK(ret == 1, return 4);
-    }
-    size_t ret = fwrite(&pool->global, 1, 1, stream);
-    VO_CHECK(ret == 1, return 4);
+    if (!vo::write_fields(stream, kUnit, __func__, pool->type, pool->kernelW, pool->kernelH, pool->padW, pool->padH,
+                          pool->strideW, pool->strideH, pool->global))
+        return 4;
     return 0;
 }
 
@@ -268,11 +258,7 @@ int forward_pooling(Pooling* pool, Tensor** inputs, int inputCount, Tensor** out
     }
 }
 
-void release_pooling(Pooling** pool) {
-    if (!pool) return;
-    free(*pool);
-    *pool = nullptr;
-}
+void release_pooling(Pooling** pool) { vo::free_record(pool); }
 
 void get_info_pool(Pooling* pool, char* text) {
     if (!text) return;

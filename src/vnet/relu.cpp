@@ -10,12 +10,7 @@
 
 ReLU* create_relu() { return static_cast<ReLU*>(calloc(1, sizeof(ReLU))); }
 
-int load_relu(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = create_relu();
-    return *result ? 0 : 4;
-}
+int load_relu(FILE* stream, void** result) { return vo::load_empty_record<ReLU, create_relu>(stream, result); }
 
 int save_relu(FILE* stream, ReLU* relu) { return relu && stream ? 0 : 7; }
 
@@ -24,18 +19,13 @@ int reshape_relu(ReLU* relu, Tensor** inputs, int isize, Tensor** outputs, int o
 }
 
 int forward_relu(ReLU* relu, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
-    if (!relu) return 7;
-    const int64_t count = inputs && isize > 0 && inputs[0] ? inputs[0]->capacity : 0;
-    if (int status = vo::forward_tensors_ok(inputs, isize, outputs, osize, count)) return status;
-    vo_max_scalar(inputs[0]->data, outputs[0]->data, inputs[0]->capacity, 0.0f);
-    return 0;
+    return vo::forward_elementwise(relu, inputs, isize, outputs, osize, vo::input_capacity(inputs, isize),
+                                   [](const Tensor* x, Tensor* y) {
+                                       vo_max_scalar(x->data, y->data, x->capacity, 0.0f);
+                                   });
 }
 
-void release_relu(ReLU** slot) {
-    if (!slot || !*slot) return;
-    free(*slot);
-    *slot = nullptr;
-}
+void release_relu(ReLU** slot) { vo::free_record(slot); }
 
 void get_info_relu(ReLU*, char* text) {
     if (text) strcpy(text, "ReLU");

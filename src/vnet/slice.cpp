@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -12,49 +13,41 @@
 namespace {
 
 constexpr const char* kUnit = "vnet/slice";
+constexpr const char* kLoad = "load_slice";
+
+int read_slice(FILE* stream, Slice* slice) {
+    if (!vo::read_fields(stream, kUnit, kLoad, &slice->axis, &slice->size)) return 4;
+    VO_CHECK_IN(kLoad, slice->axis >= 0 && slice->axis <= 3, return 4);
+    VO_CHECK_IN(kLoad, slice->size >= 0, return 4);
+    VO_CHECK_IN(kLoad, vo::fits_in_file(stream, slice->size, sizeof(int32_t)), return 4);
+    slice->points = static_cast<int32_t*>(calloc(size_t(slice->size) + 1, sizeof(int32_t)));
+    VO_CHECK_IN(kLoad, slice->points != nullptr, return 4);
+    if (!vo::read_values(stream, slice->points, slice->size, kUnit, kLoad, "ret == slice->size")) return 4;
+    // Every part must be non-empty; the input-independent half of that is
+    // checked here, the last part against the input at reshape.
+    int32_t previous = 0;
+    for (int32_t k = 0; k < slice->size; ++k) {
+        VO_CHECK_IN(kLoad, slice->points[k] > previous, return 4);
+        previous = slice->points[k];
+    }
+    return 0;
+}
 
 }  // namespace
 
 Slice* create_slice() { return static_cast<Slice*>(calloc(1, sizeof(Slice))); }
 
 int load_slice(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Slice* slice = create_slice();
-    VO_CHECK(slice != nullptr, return 4);
-    int64_t ret = int64_t(fread(&slice->axis, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_slice(&slice); return 4; });
-    ret = int64_t(fread(&slice->size, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, { release_slice(&slice); return 4; });
-    VO_CHECK(slice->axis >= 0 && slice->axis <= 3, { release_slice(&slice); return 4; });
-    VO_CHECK(slice->size >= 0, { release_slice(&slice); return 4; });
-    VO_CHECK(vo::fits_in_file(stream, slice->size, sizeof(int32_t)), { release_slice(&slice); return 4; });
-    slice->points = static_cast<int32_t*>(calloc(size_t(slice->size) + 1, sizeof(int32_t)));
-    VO_CHECK(slice->points != nullptr, { release_slice(&slice); return 4; });
-    ret = int64_t(fread(slice->points, sizeof(int32_t), size_t(slice->size), stream));
-    VO_CHECK(ret == slice->size, { release_slice(&slice); return 4; });
-    // Every part must be non-empty; the input-independent half of that is
-    // checked here, the last part against the input at reshape.
-    int32_t previous = 0;
-    for (int32_t k = 0; k < slice->size; ++k) {
-        VO_CHECK(slice->points[k] > previous, { release_slice(&slice); return 4; });
-        previous = slice->points[k];
-    }
-    *result = slice;
-    return 0;
+    return vo::load_record<Slice, create_slice, read_slice, release_slice>(stream, result, kUnit, __func__,
+                                                                        "slice != nullptr");
 }
 
 int save_slice(FILE* stream, Slice* slice) {
     if (!stream || !slice) return 7;
-    int64_t ret = int64_t(fwrite(&slice->axis, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
-    ret = int64_t(fwrite(&slice->size, sizeof(int32_t), 1, stream));
-    VO_CHECK(ret == 1, return 4);
+    if (!vo::write_fields(stream, kUnit, __func__, slice->axis, slice->size)) return 4;
     if (slice->size > 0) {
         VO_CHECK(slice->points != nullptr, return 7);
-        ret = int64_t(fwrite(slice->points, sizeof(int32_t), size_t(slice->size), stream));
-        VO_CHECK(ret == slice->size, return 4);
+        if (!vo::write_values(stream, slice->points, slice->size, kUnit, __func__, "ret == slice->size")) return 4;
     }
     return 0;
 }
@@ -71,8 +64,7 @@ int reshape_slice(Slice* slice, Tensor** inputs, int isize, Tensor** ress, int o
         for (int k = 0; k < j; ++k) VO_CHECK(ress[j] != ress[k], return 5);
     }
     int64_t shape[4];
-    vo::axis_dims(src, shape);
-    for (int i = 0; i < 4; ++i) VO_CHECK(shape[i] >= 1, return 5);
+    if (!vo::nonempty_dims(kUnit, __func__, src, shape)) return 5;
     const int64_t total = shape[slice->axis];
 
     // Every part is checked before the first output changes.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/check.h"
+#include "common/record_io.h"
 #include "vnet/layer_registry.h"
 #include "vnet/layer_shapes.h"
 #include "vnet/tensor_internal.h"
@@ -13,29 +14,26 @@
 namespace {
 
 constexpr const char* kUnit = "vnet/softmax";
+constexpr const char* kLoad = "load_softmax";
+
+int read_softmax(FILE* stream, Softmax* softmax) {
+    if (!vo::read_field(stream, &softmax->axis, kUnit, kLoad)) return 4;
+    VO_CHECK_IN(kLoad, softmax->axis >= 0 && softmax->axis <= 3, return 4);
+    return 0;
+}
 
 }  // namespace
 
 Softmax* create_softmax() { return static_cast<Softmax*>(calloc(1, sizeof(Softmax))); }
 
 int load_softmax(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = nullptr;
-    Softmax* softmax = create_softmax();
-    VO_CHECK(softmax != nullptr, return 4);
-    size_t ret = fread(&softmax->axis, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, { release_softmax(&softmax); return 4; });
-    VO_CHECK(softmax->axis >= 0 && softmax->axis <= 3, { release_softmax(&softmax); return 4; });
-    *result = softmax;
-    return 0;
+    return vo::load_record<Softmax, create_softmax, read_softmax, release_softmax>(stream, result, kUnit, __func__,
+                                                                                "softmax != nullptr");
 }
 
 int save_softmax(FILE* stream, Softmax* softmax) {
     if (!stream || !softmax) return 7;
-    size_t ret = fwrite(&softmax->axis, sizeof(int32_t), 1, stream);
-    VO_CHECK(ret == 1, return 4);
-    return 0;
+    return vo::write_field(stream, softmax->axis, kUnit, __func__) ? 0 : 4;
 }
 
 int reshape_softmax(Softmax* softmax, Tensor** inputs, int isize, Tensor** outputs, int osize,
@@ -47,8 +45,7 @@ int reshape_softmax(Softmax* softmax, Tensor** inputs, int isize, Tensor** outpu
     if (!params || softmax->axis < 0 || softmax->axis > 3) return 7;
     VO_CHECK(vo::holds_shape(src), return 5);
     int64_t shape[4];
-    vo::axis_dims(src, shape);
-    for (int i = 0; i < 4; ++i) VO_CHECK(shape[i] >= 1, return 5);
+    if (!vo::nonempty_dims(kUnit, __func__, src, shape)) return 5;
 
     // In place is allowed: each block's maximum is taken before the block
     // is changed.

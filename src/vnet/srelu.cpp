@@ -10,12 +10,7 @@
 
 SReLU* create_srelu() { return static_cast<SReLU*>(calloc(1, sizeof(SReLU))); }
 
-int load_srelu(FILE* stream, void** result) {
-    if (!stream) return 4;
-    if (!result) return 2;
-    *result = create_srelu();
-    return *result ? 0 : 4;
-}
+int load_srelu(FILE* stream, void** result) { return vo::load_empty_record<SReLU, create_srelu>(stream, result); }
 
 int save_srelu(FILE* stream, SReLU* relu) { return relu && stream ? 0 : 7; }
 
@@ -24,18 +19,13 @@ int reshape_srelu(SReLU* relu, Tensor** inputs, int isize, Tensor** outputs, int
 }
 
 int forward_srelu(SReLU* relu, Tensor** inputs, int isize, Tensor** outputs, int osize, ForwardParams*) {
-    if (!relu) return 7;
-    const int64_t count = inputs && isize > 0 && inputs[0] ? inputs[0]->capacity : 0;
-    if (int status = vo::forward_tensors_ok(inputs, isize, outputs, osize, count)) return status;
-    vo_min_scalar(inputs[0]->data, outputs[0]->data, inputs[0]->capacity, 0.0f);
-    return 0;
+    return vo::forward_elementwise(relu, inputs, isize, outputs, osize, vo::input_capacity(inputs, isize),
+                                   [](const Tensor* x, Tensor* y) {
+                                       vo_min_scalar(x->data, y->data, x->capacity, 0.0f);
+                                   });
 }
 
-void release_srelu(SReLU** slot) {
-    if (!slot || !*slot) return;
-    free(*slot);
-    *slot = nullptr;
-}
+void release_srelu(SReLU** slot) { vo::free_record(slot); }
 
 // The same text as ReLU: model listings do not tell the two apart.
 void get_info_srelu(SReLU*, char* text) {

@@ -53,11 +53,6 @@ double median(std::vector<double> v) {
     return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
 }
 
-int forward_failed(const InputShape& shape, int status) {
-    report_error(kName, "the forward pass on input " + format_shape(shape) + " failed (" + status_text(status) + ")");
-    return kExitFailure;
-}
-
 // Runs each layer's forward operation in file order, timing each one; the
 // input is copied in first, as vo_forward_net does.
 int time_layers(Net* net, const std::vector<float>& input, int64_t runs, std::vector<std::vector<double>>* times,
@@ -134,21 +129,16 @@ int run_bench(const std::vector<std::string>& argv) {
         return usage_error(kName, error);
     if (args.has("--warmup") && !parse_int(args.values["--warmup"], "--warmup", 0, kMaxRuns, &warmup, &error))
         return usage_error(kName, error);
-    if (args.has("--seed") && !parse_int(args.values["--seed"], "--seed", 0, UINT32_MAX, &seed, &error))
-        return usage_error(kName, error);
-    if (args.has("--input") && args.has("--seed")) return usage_error(kName, "--input and --seed exclude each other");
-    const std::string* inputPath = args.has("--input") ? &args.values["--input"] : nullptr;
+    const std::string* inputPath = nullptr;
+    if (!parse_input_source(args, &seed, &inputPath, &error)) return usage_error(kName, error);
 
     const std::string& path = args.positional[0];
     Net* net = nullptr;
-    if (!load_model(kName, path, &net)) return kExitFailure;
     InputShape shape;
     std::vector<float> data;
-    if (!input_shape_for(kName, net, hasShape ? &given : nullptr, &shape) ||
-        !make_input(kName, inputPath, uint32_t(seed), shape, &data)) {
-        vo_release_net(&net);
+    if (!load_model_with_input(kName, path, hasShape ? &given : nullptr, inputPath, uint32_t(seed), &net, &shape,
+                               &data))
         return kExitFailure;
-    }
 
     // The first pass also reshapes the net when --shape differs from the
     // file's; it is never timed.
@@ -164,7 +154,7 @@ int run_bench(const std::vector<std::string>& argv) {
     }
     if (status != 0) {
         vo_release_net(&net);
-        return forward_failed(shape, status);
+        return forward_failed(kName, shape, status);
     }
 
     printf("model: %s\n", path.c_str());

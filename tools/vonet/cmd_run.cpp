@@ -135,27 +135,20 @@ int run_run(const std::vector<std::string>& argv) {
     const bool hasShape = args.has("--shape");
     if (hasShape && !parse_shape(args.values["--shape"], &given, &error)) return usage_error(kName, error);
     int64_t seed = 1;
-    if (args.has("--seed") && !parse_int(args.values["--seed"], "--seed", 0, UINT32_MAX, &seed, &error))
-        return usage_error(kName, error);
-    if (args.has("--input") && args.has("--seed")) return usage_error(kName, "--input and --seed exclude each other");
-    const std::string* inputPath = args.has("--input") ? &args.values["--input"] : nullptr;
+    const std::string* inputPath = nullptr;
+    if (!parse_input_source(args, &seed, &inputPath, &error)) return usage_error(kName, error);
 
     const std::string& path = args.positional[0];
     Net* net = nullptr;
-    if (!load_model(kName, path, &net)) return kExitFailure;
     InputShape shape;
     std::vector<float> data;
-    if (!input_shape_for(kName, net, hasShape ? &given : nullptr, &shape) ||
-        !make_input(kName, inputPath, uint32_t(seed), shape, &data)) {
-        vo_release_net(&net);
+    if (!load_model_with_input(kName, path, hasShape ? &given : nullptr, inputPath, uint32_t(seed), &net, &shape,
+                               &data))
         return kExitFailure;
-    }
     int status = vo_forward_net(net, data.data(), shape.num, shape.channel, shape.height, shape.width);
     if (status != 0) {
-        report_error(kName,
-                     "the forward pass on input " + format_shape(shape) + " failed (" + status_text(status) + ")");
         vo_release_net(&net);
-        return kExitFailure;
+        return forward_failed(kName, shape, status);
     }
     const std::string origin = inputPath ? "from " + *inputPath
                                          : format("pseudo-random in [-1, 1), seed %lld", static_cast<long long>(seed));

@@ -158,4 +158,32 @@ bool make_input(const char* command, const std::string* inputPath, uint32_t seed
     return true;
 }
 
+bool parse_input_source(const ParsedArgs& args, int64_t* seed, const std::string** inputPath, std::string* error) {
+    *seed = 1;
+    *inputPath = nullptr;
+    if (args.has("--seed") && !parse_int(args.values.at("--seed"), "--seed", 0, UINT32_MAX, seed, error)) return false;
+    if (args.has("--input") && args.has("--seed")) {
+        *error = "--input and --seed exclude each other";
+        return false;
+    }
+    if (args.has("--input")) *inputPath = &args.values.at("--input");
+    return true;
+}
+
+bool load_model_with_input(const char* command, const std::string& path, const InputShape* given,
+                           const std::string* inputPath, uint32_t seed, Net** net, InputShape* shape,
+                           std::vector<float>* data) {
+    if (!load_model(command, path, net)) return false;
+    if (!input_shape_for(command, *net, given, shape) || !make_input(command, inputPath, seed, *shape, data)) {
+        vo_release_net(net);
+        return false;
+    }
+    return true;
+}
+
+int forward_failed(const char* command, const InputShape& shape, int status) {
+    report_error(command, "the forward pass on input " + format_shape(shape) + " failed (" + status_text(status) + ")");
+    return kExitFailure;
+}
+
 }  // namespace vo::cli

@@ -37,6 +37,21 @@ bool input_shape_for(const char* command, const Net* net, const InputShape* give
 bool make_input(const char* command, const std::string* inputPath, uint32_t seed, const InputShape& shape,
                 std::vector<float>* data);
 
+// --input FILE or --seed N (seed 1 when neither is given), which exclude
+// each other. False with a one-line reason in *error.
+bool parse_input_source(const ParsedArgs& args, int64_t* seed, const std::string** inputPath, std::string* error);
+
+// Loads the model at `path` and prepares what it is fed: the shape (as
+// input_shape_for) and the values (as make_input). On failure reports why
+// in one line, releases the net and returns false.
+bool load_model_with_input(const char* command, const std::string& path, const InputShape* given,
+                           const std::string* inputPath, uint32_t seed, Net** net, InputShape* shape,
+                           std::vector<float>* data);
+
+// Reports "the forward pass on input NxCxHxW failed (<status>)" and returns
+// kExitFailure.
+int forward_failed(const char* command, const InputShape& shape, int status);
+
 // Deterministic values in [-1, 1): the same seed gives the same values on
 // every machine.
 void fill_pseudo_random(float* data, size_t count, uint32_t seed);
