@@ -7,33 +7,20 @@
 #include <string>
 #include <vector>
 
-#include "detector/model_files.h"
 #include "test_util.h"
 
 namespace {
 
-using detector_test::Head;
-using detector_test::head_net;
-using detector_test::write_classifier;
+using vo_test::Head;
+using vo_test::head_net;
+using vo_test::same_record;
+using vo_test::write_classifier;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 ObjectInfof sentinel() { return ObjectInfof{1.5f, 2.5f, 3.5f, 4.5f, -1.0f, 99, 7.0f}; }
-
-uint32_t bits(float f) {
-    uint32_t b;
-    memcpy(&b, &f, 4);
-    return b;
-}
-
-// Field by field (the padding after `label` is not part of the record).
-bool same_record(const ObjectInfof& a, const ObjectInfof& b) {
-    return bits(a.x) == bits(b.x) && bits(a.y) == bits(b.y) && bits(a.width) == bits(b.width) &&
-           bits(a.height) == bits(b.height) && bits(a.conf) == bits(b.conf) && a.label == b.label &&
-           bits(a.scale) == bits(b.scale);
-}
 
 // Loads dir/name; fails the test when it does not load.
 Classifier* load(const std::string& dir, const std::string& name) {
@@ -98,18 +85,18 @@ TEST(LoadClassifier, RefusesUnusableParameterFiles) {
         std::string bytes;
         std::string check;
     };
-    const std::string full = detector_test::params_bytes(2, 24, 24, 1);
+    const std::string full = vo_test::params_bytes(2, 24, 24, 1);
     const std::string width = "classifier->width >= 1 && classifier->width <= kMaxSide";
     const std::string classes = "classifier->classSize >= 1 && classifier->classSize <= kMaxClasses";
     const std::vector<Case> cases = {
         {full.substr(0, 15), "ret == 1"},
         {"", "ret == 1"},
-        {detector_test::params_bytes(2, 24, 24, 2), "classifier->channel == 1 || classifier->channel == 3"},
-        {detector_test::params_bytes(2, 0, 24, 1), width},
-        {detector_test::params_bytes(2, 4097, 24, 1), width},
-        {detector_test::params_bytes(2, 24, -1, 1), "classifier->height >= 1 && classifier->height <= kMaxSide"},
-        {detector_test::params_bytes(0, 24, 24, 1), classes},
-        {detector_test::params_bytes(257, 24, 24, 1), classes},
+        {vo_test::params_bytes(2, 24, 24, 2), "classifier->channel == 1 || classifier->channel == 3"},
+        {vo_test::params_bytes(2, 0, 24, 1), width},
+        {vo_test::params_bytes(2, 4097, 24, 1), width},
+        {vo_test::params_bytes(2, 24, -1, 1), "classifier->height >= 1 && classifier->height <= kMaxSide"},
+        {vo_test::params_bytes(0, 24, 24, 1), classes},
+        {vo_test::params_bytes(257, 24, 24, 1), classes},
     };
     for (const Case& k : cases) {
         vo_test::write_file(dir.file("stage_params.dat"), k.bytes);

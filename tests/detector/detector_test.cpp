@@ -8,12 +8,11 @@
 #include <vector>
 
 #include "detector/detector_internal.h"
-#include "detector/model_files.h"
 #include "test_util.h"
 
 namespace {
 
-using namespace detector_test;
+using namespace vo_test;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;

@@ -1,40 +1,29 @@
 #include <gtest/gtest.h>
 #include <vonet/vonet.h>
 
-#include <cmath>
 #include <algorithm>
-#include <cstring>
-#include <tuple>
 #include <limits>
+#include <tuple>
 #include <random>
 #include <utility>
 #include <vector>
+
+#include "test_util.h"
 
 namespace {
 
 ObjectInfof box(float x, float y, float w, float h, float conf) { return ObjectInfof{x, y, w, h, conf, 1, 1.0f}; }
 
-uint32_t bits(float f) {
-    uint32_t b;
-    memcpy(&b, &f, 4);
-    return b;
-}
-
-// Field by field (the padding after `label` is not part of the records).
 bool same_records(const ObjectInfof* a, const ObjectInfof* b, int n) {
-    for (int i = 0; i < n; ++i) {
-        if (bits(a[i].x) != bits(b[i].x) || bits(a[i].y) != bits(b[i].y) || bits(a[i].width) != bits(b[i].width) ||
-            bits(a[i].height) != bits(b[i].height) || bits(a[i].conf) != bits(b[i].conf) ||
-            a[i].label != b[i].label || bits(a[i].scale) != bits(b[i].scale))
-            return false;
-    }
+    for (int i = 0; i < n; ++i)
+        if (!vo_test::same_record(a[i], b[i])) return false;
     return true;
 }
 
 bool same_records(const std::vector<ObjectInfo>& a, const std::vector<ObjectInfo>& b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const ObjectInfo& p, const ObjectInfo& q) {
         return std::tie(p.x, p.y, p.width, p.height, p.label) == std::tie(q.x, q.y, q.width, q.height, q.label) &&
-               bits(p.conf) == bits(q.conf);
+               vo_test::bits_of(p.conf) == vo_test::bits_of(q.conf);
     });
 }
 

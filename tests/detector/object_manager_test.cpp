@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "detector/model_files.h"
 #include "test_util.h"
 
 #define STB_IMAGE_WRITE_STATIC
@@ -20,7 +19,7 @@
 
 namespace {
 
-using namespace detector_test;
+using namespace vo_test;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;

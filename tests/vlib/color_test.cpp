@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "vlib/image_samples.h"
+#include "test_util.h"
 
 namespace {
 
@@ -15,35 +15,6 @@ using vo_test::TestImage;
 
 uint32_t ref_gray(const uint8_t* p, uint32_t k0, uint32_t k1, uint32_t k2) {
     return (p[0] * k0 + p[1] * k1 + p[2] * k2 + 8192) >> 14;
-}
-
-TEST(Color, KnownPixels) {
-    auto bgr = [](uint8_t b, uint8_t g, uint8_t r) {
-        uint8_t px[3] = {b, g, r}, out = 1;
-        bgr2gray(px, 1, 1, 3, &out);
-        return int(out);
-    };
-    EXPECT_EQ(bgr(255, 255, 255), 255);
-    EXPECT_EQ(bgr(0, 0, 0), 0);
-    EXPECT_EQ(bgr(0, 255, 0), 150);
-    EXPECT_EQ(bgr(0, 0, 255), 76);
-    EXPECT_EQ(bgr(255, 0, 0), 29);
-
-    uint8_t rgba[4] = {255, 0, 0, 17}, out = 0;
-    rgba2gray(rgba, 1, 1, 4, &out);
-    EXPECT_EQ(out, 76);
-    bgra2gray(rgba, 1, 1, 4, &out);
-    EXPECT_EQ(out, 29);
-
-    uint8_t grey[3] = {128, 128, 128};
-    float f = 0.0f;
-    bgr2gray_uint82float(grey, 1, 1, 3, &f);
-    EXPECT_EQ(f, 128.0f);
-
-    float ones[3] = {1, 1, 1};
-    uint8_t px[3] = {30, 60, 90};
-    bgr2gray(px, 1, 1, 3, ones, &out, 1);
-    EXPECT_EQ(out, 60);
 }
 
 TEST(Color, EveryPathMatchesFormula) {

@@ -31,15 +31,11 @@ int ref_index(int i, int size, int mode) {
 }
 
 TEST(Padding, BorderRules) {
+    // One worked row per mode; the random test below covers the rest.
     EXPECT_EQ(pad({1, 2, 3}, 3, 1, 1, 0, 0, 2, 2, 0), (std::vector<int>{9, 9, 1, 2, 3, 9, 9}));
     EXPECT_EQ(pad({1, 2, 3}, 3, 1, 1, 0, 0, 2, 2, 1), (std::vector<int>{1, 1, 1, 2, 3, 3, 3}));
     EXPECT_EQ(pad({1, 2, 3}, 3, 1, 1, 0, 0, 2, 2, 2), (std::vector<int>{2, 1, 1, 2, 3, 3, 2}));
     EXPECT_EQ(pad({1, 2, 3}, 3, 1, 1, 0, 0, 2, 2, 3), (std::vector<int>{2, 3, 1, 2, 3, 1, 2}));
-    EXPECT_EQ(pad({1, 2, 3}, 1, 3, 1, 1, 1, 0, 0, 1), (std::vector<int>{1, 1, 2, 3, 3}));
-    EXPECT_EQ(pad({1, 2, 3}, 1, 3, 1, 1, 1, 0, 0, 2), (std::vector<int>{1, 1, 2, 3, 3}));
-    EXPECT_EQ(pad({1, 2, 3}, 1, 3, 1, 1, 1, 0, 0, 3), (std::vector<int>{3, 1, 2, 3, 1}));
-    for (int mode = 0; mode < 4; ++mode)
-        EXPECT_EQ(pad({1, 2, 3, 4, 5, 6}, 3, 1, 2, 0, 0, 0, 0, mode), (std::vector<int>{1, 2, 3, 4, 5, 6}));
     // Unknown modes and oversized mirror borders leave the destination alone.
     EXPECT_EQ(pad({1, 2}, 2, 1, 1, 0, 0, 1, 1, 4), (std::vector<int>{77, 77, 77, 77}));
     EXPECT_EQ(pad({1, 2}, 2, 1, 1, 0, 0, 3, 0, 2), (std::vector<int>{77, 77, 77, 77, 77}));

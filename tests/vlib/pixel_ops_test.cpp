@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "vlib/image_samples.h"
+#include "test_util.h"
 
 namespace {
 

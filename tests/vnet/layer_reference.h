@@ -1,6 +1,5 @@
-// Plain references for the layer tests: the float product's rounding,
-// element by element, the convolution, inner product and deconvolution
-// written as direct loops, and small helpers to run one layer by hand.
+// Plain references of the layers, written as direct loops over the
+// definitions, for the layer and end-to-end tests.
 //
 // The library's matrix product C = op(A) op(B) (alpha 1, beta 0) rounds
 // each element in one of three ways, fixed by its position:
@@ -16,18 +15,10 @@
 
 #include <vonet/vonet.h>
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <random>
-#include <string>
 #include <utility>
 #include <vector>
-
-#include "test_util.h"
 
 namespace vo_ref {
 
@@ -35,8 +26,7 @@ namespace vo_ref {
 // k-th values of row m of op(A) and column n of op(B).
 inline float product_element(int m, int n, int M, int N, const std::vector<float>& a, const std::vector<float>& b) {
     const int K = int(a.size());
-    const bool blockRow = m < M / 4 * 4;
-    if (!blockRow) {
+    if (m >= M / 4 * 4) {
         float c = 0.0f;
         for (int k = 0; k < K; ++k) c = std::fma(a[k], b[k], c);
         return c;
@@ -62,6 +52,7 @@ inline float product_element(int m, int n, int M, int N, const std::vector<float
 struct Blob {
     int n = 0, c = 0, h = 0, w = 0;
     std::vector<float> v;
+    int dim(int axis) const { return axis == 0 ? n : axis == 1 ? c : axis == 2 ? h : w; }
     float& at(int in, int ic, int ih, int iw) { return v[((size_t(in) * c + ic) * h + ih) * w + iw]; }
     float at(int in, int ic, int ih, int iw) const { return v[((size_t(in) * c + ic) * h + ih) * w + iw]; }
 };
@@ -76,7 +67,7 @@ inline Blob blob(int n, int c, int h, int w, std::vector<float> v = {}) {
 // row, kernel column) of weight times input pixel (0 in the padding), plus
 // the bias. Output size (in - kernel + 2 pad) / stride + 1, truncated.
 inline Blob conv(const Blob& in, const std::vector<float>& weights, int M, int kW, int kH, int sW, int sH, int pW,
-                 int pH, const std::vector<float>* bias) {
+                 int pH, const std::vector<float>& bias) {
     Blob out = blob(in.n, M, (in.h - kH + 2 * pH) / sH + 1, (in.w - kW + 2 * pW) / sW + 1);
     const int N = out.h * out.w;
     for (int n = 0; n < in.n; ++n)
@@ -93,7 +84,7 @@ inline Blob conv(const Blob& in, const std::vector<float>& weights, int M, int k
                                 b.push_back(inside ? in.at(n, ch, iy, ix) : 0.0f);
                             }
                     float v = product_element(o, oy * out.w + ox, M, N, a, b);
-                    out.at(n, o, oy, ox) = bias ? v + (*bias)[o] : v;
+                    out.at(n, o, oy, ox) = bias.empty() ? v : v + bias[o];
                 }
     return out;
 }
@@ -101,7 +92,7 @@ inline Blob conv(const Blob& in, const std::vector<float>& weights, int M, int k
 // Inner product: row b of the output is the sum over i of input[b][i]
 // times weights[i][o], plus the bias; the whole batch is one product.
 inline Blob inner_product(const Blob& in, const std::vector<float>& weights, int outputDim,
-                          const std::vector<float>* bias) {
+                          const std::vector<float>& bias) {
     const int inputDim = in.c * in.h * in.w;
     Blob out = blob(in.n, outputDim, 1, 1);
     for (int b = 0; b < in.n; ++b)
@@ -109,7 +100,7 @@ inline Blob inner_product(const Blob& in, const std::vector<float>& weights, int
             std::vector<float> x(in.v.begin() + size_t(b) * inputDim, in.v.begin() + size_t(b + 1) * inputDim), y;
             for (int i = 0; i < inputDim; ++i) y.push_back(weights[size_t(i) * outputDim + o]);
             float v = product_element(b, o, in.n, outputDim, x, y);
-            out.v[size_t(b) * outputDim + o] = bias ? v + (*bias)[o] : v;
+            out.v[size_t(b) * outputDim + o] = bias.empty() ? v : v + bias[o];
         }
     return out;
 }
@@ -120,7 +111,7 @@ inline Blob inner_product(const Blob& in, const std::vector<float>& weights, int
 // channels), then summed in (co, ky, kx, y, x) order from 0, then the bias
 // is added. A 1x1 stride-1 unpadded layer takes the products as they are.
 inline Blob deconv(const Blob& in, const std::vector<float>& weights, int Co, int kW, int kH, int sW, int sH, int pW,
-                   int pH, const std::vector<float>* bias) {
+                   int pH, const std::vector<float>& bias) {
     const bool direct = kW == 1 && kH == 1 && sW == 1 && sH == 1 && pW == 0 && pH == 0;
     const int M = Co * kH * kW, N = in.h * in.w;
     Blob out = blob(in.n, Co, kH + (in.h - 1) * sH - 2 * pH, kW + (in.w - 1) * sW - 2 * pW);
@@ -148,144 +139,103 @@ inline Blob deconv(const Blob& in, const std::vector<float>& weights, int Co, in
                             int oy = y * sH - pH + ky, ox = x * sW - pW + kx;
                             if (oy >= 0 && oy < out.h && ox >= 0 && ox < out.w) out.at(n, co, oy, ox) += v;
                         }
-        if (bias)
+        if (!bias.empty())
             for (int co = 0; co < Co; ++co)
-                for (int i = 0; i < out.h * out.w; ++i) out.v[(size_t(n) * Co + co) * out.h * out.w + i] += (*bias)[co];
+                for (int i = 0; i < out.h * out.w; ++i) out.v[(size_t(n) * Co + co) * out.h * out.w + i] += bias[co];
     }
     return out;
 }
 
-inline std::vector<float> random_floats(std::mt19937& rng, size_t n) {
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    std::vector<float> v(n);
-    for (auto& x : v) x = dist(rng);
-    return v;
+inline Blob prelu(Blob x, const std::vector<float>& slopes) {
+    for (int n = 0; n < x.n; ++n)
+        for (int c = 0; c < x.c; ++c)
+            for (int i = 0; i < x.h * x.w; ++i) {
+                float& v = x.v[(size_t(n) * x.c + c) * x.h * x.w + i];
+                if (0.0f > v) v = v * slopes[c];
+            }
+    return x;
 }
 
-inline std::string floats_bytes(const std::vector<float>& v) {
-    return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(float));
+// Pooling output size in one direction: the quotient rounded up, so a last
+// window may be clipped by the edge; when either direction is padded, a
+// window starting in the padding is dropped.
+inline int pool_size(int in, int k, int s, int p, bool padded) {
+    int out = int(std::ceil(float(in - k + 2 * p) / float(s)) + 1.0);
+    if (padded && (out - 1) * s >= in + p) --out;
+    return out;
 }
 
-// True when the tensor holds exactly these bits.
-inline ::testing::AssertionResult same_bits(const Tensor* t, const std::vector<float>& expected) {
-    if (!t) return ::testing::AssertionFailure() << "no tensor";
-    if (size_t(t->capacity) != expected.size())
-        return ::testing::AssertionFailure() << "capacity " << t->capacity << ", expected " << expected.size();
-    for (size_t i = 0; i < expected.size(); ++i) {
-        uint32_t got, want;
-        memcpy(&got, &t->data[i], 4);
-        memcpy(&want, &expected[i], 4);
-        if (got != want)
-            return ::testing::AssertionFailure()
-                   << "element " << i << ": " << t->data[i] << " (0x" << std::hex << got << "), expected "
-                   << expected[i] << " (0x" << want << ")";
-    }
-    return ::testing::AssertionSuccess();
+// Type 0 maximum, 1 minimum (both starting from the window's first pixel),
+// 2 the float sum in row order times 1 / kernel area; a window clipped to
+// nothing gives 0.
+inline Blob pool(const Blob& x, int type, int kW, int kH, int pW, int pH, int sW, int sH) {
+    const bool padded = pW != 0 || pH != 0;
+    Blob out = blob(x.n, x.c, pool_size(x.h, kH, sH, pH, padded), pool_size(x.w, kW, sW, pW, padded));
+    for (int n = 0; n < x.n; ++n)
+        for (int c = 0; c < x.c; ++c)
+            for (int oy = 0; oy < out.h; ++oy)
+                for (int ox = 0; ox < out.w; ++ox) {
+                    int hs = oy * sH - pH, ws = ox * sW - pW;
+                    int he = std::min(hs + kH, x.h), we = std::min(ws + kW, x.w);
+                    hs = std::max(hs, 0);
+                    ws = std::max(ws, 0);
+                    float r = 0.0f;
+                    if (he > hs && we > ws && type == 2) {
+                        for (int y = hs; y < he; ++y)
+                            for (int xx = ws; xx < we; ++xx) r += x.at(n, c, y, xx);
+                        r = r * (1.0f / float(kW * kH));
+                    } else if (he > hs && we > ws) {
+                        r = x.at(n, c, hs, ws);
+                        for (int y = hs; y < he; ++y)
+                            for (int xx = ws; xx < we; ++xx) {
+                                float v = x.at(n, c, y, xx);
+                                if (type == 0 ? v > r : v < r) r = v;
+                            }
+                    }
+                    out.at(n, c, oy, ox) = r;
+                }
+    return out;
 }
 
-inline Tensor* tensor_with(const Blob& b) {
-    Tensor* t = create_tensor(b.n, b.c, b.h, b.w);
-    memcpy(t->data, b.v.data(), b.v.size() * sizeof(float));
-    return t;
+// Along `axis`, at every other position: the maximum (from the first
+// value), exponentials of the differences, their sum in order, division.
+inline Blob softmax(Blob x, int axis) {
+    int outer = 1, inner = 1;
+    for (int i = 0; i < axis; ++i) outer *= x.dim(i);
+    for (int i = axis + 1; i < 4; ++i) inner *= x.dim(i);
+    const int channels = x.dim(axis);
+    for (int o = 0; o < outer; ++o)
+        for (int k = 0; k < inner; ++k) {
+            auto v = [&](int c) -> float& { return x.v[(size_t(o) * channels + c) * inner + k]; };
+            float m = v(0);
+            for (int c = 0; c < channels; ++c) m = v(c) > m ? v(c) : m;
+            float sum = 0.0f;
+            for (int c = 0; c < channels; ++c) {
+                v(c) = expf(v(c) - m);
+                sum += v(c);
+            }
+            for (int c = 0; c < channels; ++c) v(c) = v(c) / sum;
+        }
+    return x;
 }
 
-// True when the tensor has the blob's shape and exactly its bits.
-inline ::testing::AssertionResult same_blob(const Tensor* t, const Blob& expected) {
-    if (!t) return ::testing::AssertionFailure() << "no tensor";
-    if (t->num != expected.n || t->channel != expected.c || t->height != expected.h || t->width != expected.w)
-        return ::testing::AssertionFailure() << "shape " << t->num << "x" << t->channel << "x" << t->height << "x"
-                                             << t->width << ", expected " << expected.n << "x" << expected.c << "x"
-                                             << expected.h << "x" << expected.w;
-    return same_bits(t, expected.v);
+// Concatenation: output position p along `axis` comes from the part whose
+// range holds p.
+inline Blob concat(const std::vector<Blob>& parts, int axis) {
+    int size[4] = {parts[0].n, parts[0].c, parts[0].h, parts[0].w};
+    for (size_t i = 1; i < parts.size(); ++i) size[axis] += parts[i].dim(axis);
+    Blob out = blob(size[0], size[1], size[2], size[3]);
+    for (int n = 0; n < out.n; ++n)
+        for (int c = 0; c < out.c; ++c)
+            for (int y = 0; y < out.h; ++y)
+                for (int x = 0; x < out.w; ++x) {
+                    int at[4] = {n, c, y, x};
+                    size_t i = 0;
+                    while (at[axis] >= parts[i].dim(axis)) at[axis] -= parts[i++].dim(axis);
+                    out.at(n, c, y, x) = parts[i].at(at[0], at[1], at[2], at[3]);
+                }
+    return out;
 }
-
-// ---- records of the three layer types (an empty bias means none) ----
-
-inline std::string conv_record(int M, int C, int kW, int kH, int sW, int sH, int pW, int pH,
-                               const std::vector<float>& w, const std::vector<float>& bias) {
-    vo_test::ModelBytes m;
-    m.i32(M).i32(C).i32(kW).i32(kH).i32(sW).i32(sH).i32(pW).i32(pH).u8(bias.empty() ? 0 : 1).u8(0);
-    return m.raw(floats_bytes(w)).raw(floats_bytes(bias)).bytes();
-}
-
-// Output channels come before input channels in this record.
-inline std::string deconv_record(int Co, int Ci, int kW, int kH, int sW, int sH, int pW, int pH,
-                                 const std::vector<float>& w, const std::vector<float>& bias) {
-    vo_test::ModelBytes m;
-    m.i32(Co).i32(Ci).i32(kW).i32(kH).i32(sW).i32(sH).i32(pW).i32(pH).u8(bias.empty() ? 0 : 1);
-    return m.raw(floats_bytes(w)).raw(floats_bytes(bias)).bytes();
-}
-
-inline std::string fc_record(int inputDim, int outputDim, const std::vector<float>& w,
-                             const std::vector<float>& bias) {
-    vo_test::ModelBytes m;
-    m.u8(bias.empty() ? 0 : 1).u8(0).i32(inputDim).i32(outputDim);
-    return m.raw(floats_bytes(w)).raw(floats_bytes(bias)).bytes();
-}
-
-// A record read by a layer type's load operation from a real file.
-struct Loaded {
-    int status = -1;
-    void* record = nullptr;
-    std::string err;  // what the load printed to stderr
-};
-
-inline Loaded load_record(int (*load)(FILE*, void**), const std::string& bytes) {
-    vo_test::TempDir dir;
-    vo_test::write_file(dir.file("record"), bytes);
-    FILE* f = fopen(dir.file("record").c_str(), "rb");
-    Loaded r;
-    if (!f) return r;
-    ::testing::internal::CaptureStderr();
-    r.status = load(f, &r.record);
-    r.err = ::testing::internal::GetCapturedStderr();
-    fclose(f);
-    return r;
-}
-
-// The bytes a save operation writes.
-template <typename R>
-std::string saved_bytes(int (*save)(FILE*, R*), R* record) {
-    vo_test::TempDir dir;
-    FILE* f = fopen(dir.file("saved").c_str(), "wb");
-    if (!f) return "";
-    int status = save(f, record);
-    fclose(f);
-    return status == 0 ? vo_test::read_file(dir.file("saved")) : "save failed";
-}
-
-template <typename R>
-using RunOp = int (*)(R*, Tensor**, int, Tensor**, int, ForwardParams*);
-
-// One layer loaded from its record, with its own input, output and scratch.
-template <typename R, int (*Load)(FILE*, void**), RunOp<R> Reshape, RunOp<R> Forward, void (*Release)(R**)>
-class LayerRun {
-public:
-    explicit LayerRun(const std::string& record) {
-        Loaded r = load_record(Load, record);
-        EXPECT_EQ(r.status, 0) << r.err;
-        layer = static_cast<R*>(r.record);
-    }
-    ~LayerRun() {
-        Release(&layer);
-        release_forward_params(&params);
-        release_tensor(&in);
-        release_tensor(&out);
-    }
-    LayerRun(const LayerRun&) = delete;
-    LayerRun& operator=(const LayerRun&) = delete;
-    void set_input(int n, int c, int h, int w, const std::vector<float>& values) {
-        release_tensor(&in);
-        in = tensor_with(blob(n, c, h, w, values));
-    }
-    int reshape() { return Reshape(layer, &in, 1, &out, 1, params); }
-    int forward() { return Forward(layer, &in, 1, &out, 1, params); }
-
-    R* layer = nullptr;
-    ForwardParams* params = create_forward_params();
-    Tensor* in = nullptr;
-    Tensor* out = create_tensor(1, 1, 1, 1);
-};
 
 }  // namespace vo_ref
 

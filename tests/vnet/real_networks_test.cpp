@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "layer_reference.h"
 #include "test_util.h"
 
 namespace {
@@ -49,6 +48,13 @@ public:
     Net* net = nullptr;
     int status = -1;
 };
+
+std::vector<float> uniform(std::mt19937& rng, size_t n) {
+    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
+    std::vector<float> v(n);
+    for (float& x : v) x = dist(rng);
+    return v;
+}
 
 std::vector<float> values(const Tensor* t) { return std::vector<float>(t->data, t->data + t->capacity); }
 
@@ -104,7 +110,7 @@ TEST(RealNetworks, BatchSamplesMatchSingleRuns) {
         std::vector<float> inputs = read_floats(kDir + nw.id + "_b1.in.data.f32");
         // The reference crop, then shifted, mirrored and noisy variants of it.
         for (int s = 1; s < batch; ++s) {
-            std::vector<float> noise = vo_ref::random_floats(rng, sample);
+            std::vector<float> noise = uniform(rng, sample);
             for (size_t i = 0; i < sample; ++i) {
                 size_t from = (s % 2) ? sample - 1 - i : (i + size_t(s) * 7) % sample;
                 inputs.push_back(inputs[from] * 0.8f + noise[i] * 0.2f * float(s) / batch);
@@ -138,7 +144,7 @@ TEST(RealNetworks, BatchSamplesMatchSingleRuns) {
 TEST(RealNetworks, FirstNetworkSlidesOverALargerImage) {
     std::mt19937 rng(12);
     const int height = 37, width = 53;
-    std::vector<float> image = vo_ref::random_floats(rng, size_t(3) * height * width);
+    std::vector<float> image = uniform(rng, size_t(3) * height * width);
     Loaded big("det1"), crop("det1");
     ASSERT_EQ(big.status, 0);
     ASSERT_EQ(crop.status, 0);
