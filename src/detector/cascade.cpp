@@ -7,6 +7,7 @@
 
 #include "common/check.h"
 #include "detector/detector_internal.h"
+#include "detector/stage_times.h"
 
 namespace {
 
@@ -89,16 +90,20 @@ int predict_patches(Cascade* cascade, float* patches, int num, ObjectInfof* objs
     const int64_t patchSize = vo::patch_floats(cascade->anet);
     if (patchSize == 0) return num;
     if (num < 1) return 0;
+    vo::StageClock clock;
     predict_patches(cascade->anet, patches, objs, num);
     int kept = vo::compact_by_label(objs, patches, num, patchSize);
+    clock.lap(&vo::DetectStageTimes::anet);
+    clock.count(&vo::DetectStageTimes::afterAnet, kept);
     // The second stage reads the first stage's patches as they are, so it
     // runs only when its input has the same size.
     Classifier* bnet = cascade->bnet;
     if (bnet && vo::patch_floats(bnet) == patchSize) {
         predict_regress_patches(bnet, patches, objs, kept);
-        if (kept == 0) return 0;
-        kept = vo::compact_by_label(objs, patches, kept, patchSize);
+        if (kept > 0) kept = vo::compact_by_label(objs, patches, kept, patchSize);
+        clock.lap(&vo::DetectStageTimes::bnet);
     }
+    clock.count(&vo::DetectStageTimes::afterBnet, kept);
     return kept;
 }
 

@@ -10,6 +10,7 @@
 
 #include "common/check.h"
 #include "detector/detector_internal.h"
+#include "detector/stage_times.h"
 
 namespace {
 
@@ -25,6 +26,8 @@ constexpr int32_t kMaxWindowSide = 4096;
 constexpr int64_t kMaxLevelBytes = int64_t(1) << 28;
 
 constexpr float kMergeThreshold = 0.6f;
+
+thread_local vo::DetectStageTimes* tStageTimes = nullptr;
 
 bool finite_positive(float v) { return std::isfinite(v) && v > 0.0f; }
 
@@ -72,6 +75,14 @@ bool grow_windows(ObjectInfof** objs, float** patches, int64_t* capacity, int64_
 }  // namespace
 
 namespace vo {
+
+DetectStageTimes* set_detect_stage_times(DetectStageTimes* times) {
+    DetectStageTimes* previous = tStageTimes;
+    tStageTimes = times;
+    return previous;
+}
+
+DetectStageTimes* detect_stage_times() { return tStageTimes; }
 
 bool cascade_matches_window(const VoDetector* detector) {
     const Classifier* anet = detector->cascade ? detector->cascade->anet : nullptr;
@@ -256,6 +267,7 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
     const int32_t w0 = plan.workWidth;
     const int32_t h0 = plan.workHeight;
     const int64_t largest = int64_t(plan.levels[0].width) * plan.levels[0].height;
+    vo::StageClock clock;
 
     uint8_t* work = static_cast<uint8_t*>(malloc(size_t(w0) * size_t(h0)));
     uint8_t* level = static_cast<uint8_t*>(malloc(size_t(std::max<int64_t>(largest, 1))));
@@ -282,8 +294,14 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
         ok = placed == lv.count;
         total += lv.count;
     }
+    clock.lap(&vo::DetectStageTimes::pyramid);
     int n = 0;
-    if (ok && total > 0) n = predict_patches(cascade, patches, int(total), objs);
+    if (ok && total > 0) {
+        clock.count(&vo::DetectStageTimes::runs, 1);
+        clock.count(&vo::DetectStageTimes::windows, total);
+        n = predict_patches(cascade, patches, int(total), objs);  // times the first two stages itself
+        clock.restart();
+    }
     for (int i = 0; i < n; ++i) {
         objs[i].x *= objs[i].scale;
         objs[i].y *= objs[i].scale;
@@ -293,12 +311,15 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
     free(patches);
     free(work);
     free(level);
+    clock.lap(&vo::DetectStageTimes::pyramid);
     if (n <= 0) {
         free(objs);
         return 0;
     }
 
     int m = classify(cascade, image, width, height, stride, objs, n);
+    clock.lap(&vo::DetectStageTimes::cnet);
+    clock.count(&vo::DetectStageTimes::afterCnet, m);
     m = merge_rects(objs, m, kMergeThreshold);
     ObjectInfo* result = static_cast<ObjectInfo*>(calloc(size_t(std::max(m, 1)), sizeof(ObjectInfo)));
     if (!result) {
@@ -315,6 +336,8 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
     }
     free(objs);
     *out = result;
+    clock.lap(&vo::DetectStageTimes::merge);
+    clock.count(&vo::DetectStageTimes::objects, m);
     return m;
 }
 

@@ -20,6 +20,8 @@ extern const Command kInfoCommand;
 extern const Command kRunCommand;
 extern const Command kBenchCommand;
 extern const Command kExampleModelCommand;
+extern const Command kDetectCommand;
+extern const Command kImportCommand;
 
 }  // namespace vo::cli
 

@@ -15,7 +15,8 @@ namespace vo::cli {
 namespace {
 
 // Later commands are added here.
-const Command* const kCommands[] = {&kInfoCommand, &kRunCommand, &kBenchCommand, &kExampleModelCommand};
+const Command* const kCommands[] = {&kDetectCommand, &kImportCommand, &kInfoCommand, &kRunCommand,
+                                    &kBenchCommand, &kExampleModelCommand};
 
 const Command* find_command(const std::string& name) {
     for (const Command* c : kCommands)
@@ -25,7 +26,8 @@ const Command* find_command(const std::string& name) {
 
 void print_program_help() {
     printf("Usage: vonet COMMAND [ARGUMENTS...]\n\n"
-           "Inspects, runs and times vonet model files.\n\n"
+           "Finds objects in images; imports Caffe networks; inspects, runs and times\n"
+           "vonet model files.\n\n"
            "Commands:\n");
     for (const Command* c : kCommands) printf("  %-14s %s\n", c->name, c->summary);
     printf("\n"
