@@ -2,7 +2,6 @@
 // faces of the two photos, the output formats, the annotated PNG, folders
 // with bad files, and the command line's errors.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <vonet/vonet.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "run_tool.h"
 #include "test_util.h"
 
 #define STB_IMAGE_STATIC
@@ -33,44 +33,10 @@
 namespace {
 
 namespace fs = std::filesystem;
-using vo_test::TempDir;
+using namespace vo_test;
 
 const std::string kPhotos = std::string(VONET_TEST_DATA_DIR) + "/photos/";
 const std::string kModels = VONET_MODELS_DIR;
-
-struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string quote(const std::string& arg) {
-    std::string q = "'";
-    for (char c : arg) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-Result vonet(const TempDir& dir, const std::vector<std::string>& args) {
-    std::string command = quote(VONET_TOOL_PATH);
-    for (const std::string& a : args) command += " " + quote(a);
-    const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
-    command += " >" + quote(out) + " 2>" + quote(err);
-    Result r;
-    const int raw = std::system(command.c_str());
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = vo_test::read_file(out);
-    r.err = vo_test::read_file(err);
-    return r;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // A small strict JSON reader: enough to prove that standard output is one
 // well-formed document and to read it.
@@ -90,115 +56,78 @@ struct Json {
     bool has(const std::string& key) const { return fields.count(key) > 0; }
 };
 
-class JsonParser {
-public:
-    explicit JsonParser(const std::string& s) : s_(s) {}
-    bool parse(Json* out) {
-        if (!value(out)) return false;
-        space();
-        return i_ == s_.size();
-    }
+// Strict: one value, no trailing commas, no repeated keys, nothing after.
+struct JsonParser {
+    const std::string& s;
+    size_t i = 0;
 
-private:
-    void space() {
-        while (i_ < s_.size() && isspace(static_cast<unsigned char>(s_[i_]))) ++i_;
-    }
-    bool literal(const char* word) {
-        const size_t n = strlen(word);
-        if (s_.compare(i_, n, word) != 0) return false;
-        i_ += n;
-        return true;
+    // Skips blanks, then takes `c` if it comes next.
+    bool at(char c) {
+        while (i < s.size() && isspace(static_cast<unsigned char>(s[i]))) ++i;
+        return i < s.size() && s[i] == c && (++i, true);
     }
     bool string(std::string* out) {
-        if (s_[i_] != '"') return false;
-        for (++i_; i_ < s_.size(); ++i_) {
-            const char c = s_[i_];
-            if (c == '"') {
-                ++i_;
-                return true;
-            }
+        if (!at('"')) return false;
+        for (; i < s.size(); ++i) {
+            const char c = s[i];
+            if (c == '"') return ++i, true;
             if (static_cast<unsigned char>(c) < 0x20) return false;
-            if (c == '\\') {
-                if (++i_ >= s_.size()) return false;
-                const char e = s_[i_];
-                if (e == 'u') {
-                    if (i_ + 4 >= s_.size()) return false;
-                    *out += char(std::stoi(s_.substr(i_ + 1, 4), nullptr, 16));
-                    i_ += 4;
-                } else {
-                    const std::string from = "\"\\/bfnrt", to = "\"\\/\b\f\n\r\t";
-                    const size_t k = from.find(e);
-                    if (k == std::string::npos) return false;
-                    *out += to[k];
-                }
-            } else {
+            if (c != '\\') {
                 *out += c;
+            } else if (++i < s.size() && s[i] == 'u' && i + 4 < s.size()) {
+                *out += char(std::stoi(s.substr(i + 1, 4), nullptr, 16));
+                i += 4;
+            } else {
+                const std::string from = "\"\\/bfnrt", to = "\"\\/\b\f\n\r\t";
+                const size_t k = i < s.size() ? from.find(s[i]) : std::string::npos;
+                if (k == std::string::npos) return false;
+                *out += to[k];
             }
         }
         return false;
     }
+    // Comma-separated items up to `close`.
+    template <class Item>
+    bool list(char close, Item item) {
+        if (at(close)) return true;
+        do {
+            if (!item()) return false;
+        } while (at(','));
+        return at(close);
+    }
     bool value(Json* out) {
-        space();
-        if (i_ >= s_.size()) return false;
-        const char c = s_[i_];
-        if (c == '{') {
+        if (at('{')) {
             out->type = Json::kObject;
-            ++i_;
-            space();
-            if (i_ < s_.size() && s_[i_] == '}') return ++i_, true;
-            for (;;) {
-                space();
+            return list('}', [&] {
                 std::string key;
-                if (i_ >= s_.size() || !string(&key)) return false;
-                space();
-                if (i_ >= s_.size() || s_[i_++] != ':') return false;
-                if (out->fields.count(key) || !value(&out->fields[key])) return false;
-                space();
-                if (i_ >= s_.size()) return false;
-                if (s_[i_] == '}') return ++i_, true;
-                if (s_[i_++] != ',') return false;
-            }
+                return string(&key) && at(':') && !out->fields.count(key) && value(&out->fields[key]);
+            });
         }
-        if (c == '[') {
+        if (at('[')) {
             out->type = Json::kArray;
-            ++i_;
-            space();
-            if (i_ < s_.size() && s_[i_] == ']') return ++i_, true;
-            for (;;) {
-                out->items.emplace_back();
-                if (!value(&out->items.back())) return false;
-                space();
-                if (i_ >= s_.size()) return false;
-                if (s_[i_] == ']') return ++i_, true;
-                if (s_[i_++] != ',') return false;
+            return list(']', [&] { return value(&out->items.emplace_back()); });
+        }
+        if (i < s.size() && s[i] == '"') return out->type = Json::kString, string(&out->text);
+        for (const char* word : {"true", "false", "null"})
+            if (s.compare(i, strlen(word), word) == 0) {
+                i += strlen(word);
+                out->type = word[0] == 'n' ? Json::kNull : Json::kBool;
+                out->number = word[0] == 't';
+                return true;
             }
-        }
-        if (c == '"') {
-            out->type = Json::kString;
-            return string(&out->text);
-        }
-        if (literal("true") || literal("false")) {
-            out->type = Json::kBool;
-            out->number = s_[i_ - 1] == 'e' && s_[i_ - 2] == 'u';
-            return true;
-        }
-        if (literal("null")) return true;
-        const char* start = s_.c_str() + i_;
+        const char* start = s.c_str() + i;
         char* end = nullptr;
         out->number = strtod(start, &end);
-        if (end == start) return false;
-        out->type = Json::kNumber;
-        i_ += size_t(end - start);
-        return true;
+        i += size_t(end - start);
+        return end != start && (out->type = Json::kNumber, true);
     }
-
-    const std::string& s_;
-    size_t i_ = 0;
 };
 
 Json parse_json(const std::string& text) {
     Json doc;
-    EXPECT_TRUE(JsonParser(text).parse(&doc)) << "not one JSON document:\n" << text;
+    JsonParser p{text};
+    const bool ok = p.value(&doc) && !p.at(' ') && p.i == text.size();  // at(' ') skips trailing blanks
+    EXPECT_TRUE(ok) << "not one JSON document:\n" << text;
     return doc;
 }
 
@@ -300,11 +229,7 @@ TEST(VonetDetect, SearchesTheFileLevelEntrysGreyImage) {
         std::sort(fromTool.begin(), fromTool.end(), key);
         std::sort(fromFile.begin(), fromFile.end(), key);
         ASSERT_EQ(fromTool.size(), fromFile.size()) << name;
-        for (size_t i = 0; i < fromTool.size(); ++i) {
-            EXPECT_EQ(fromTool[i].x, fromFile[i].x) << name;
-            EXPECT_EQ(fromTool[i].y, fromFile[i].y) << name;
-            EXPECT_EQ(fromTool[i].width, fromFile[i].width) << name;
-        }
+        EXPECT_EQ(memcmp(fromTool.data(), fromFile.data(), fromTool.size() * sizeof(VRect)), 0) << name;
 
         // The grey image: R, G, B reordered to B, G, R, then bgr2gray.
         Pixels rgb = decode(path);

@@ -2,7 +2,6 @@
 // outputs, the bundled face models against their sources, and small Caffe
 // files written here for every layer type and every refusal.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -13,39 +12,16 @@
 
 #include "caffe.pb.h"
 #include "importer.h"
+#include "run_tool.h"
 #include "test_util.h"
 
 namespace {
 
-using vo_test::TempDir;
+using namespace vo_test;
 using Dims = std::vector<int64_t>;
 
 const std::string kData = VONET_TEST_DATA_DIR;
 const std::string kModels = VONET_MODELS_DIR;
-
-struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string quote(const std::string& arg) {
-    std::string q = "'";
-    for (char c : arg) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-Result vonet(const TempDir& dir, const std::vector<std::string>& args) {
-    std::string command = quote(VONET_TOOL_PATH);
-    for (const std::string& a : args) command += " " + quote(a);
-    command += " >" + quote(dir.file("stdout.txt")) + " 2>" + quote(dir.file("stderr.txt"));
-    Result r;
-    const int raw = std::system(command.c_str());
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = vo_test::read_file(dir.file("stdout.txt"));
-    r.err = vo_test::read_file(dir.file("stderr.txt"));
-    return r;
-}
 
 std::vector<float> read_floats(const std::string& path) {
     const std::string bytes = vo_test::read_file(path);
@@ -523,12 +499,10 @@ TEST(CaffeImport, CommandLineErrorsAndRefusalsAreOneLineWithNoFileLeft) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("cannot parse '"), std::string::npos) << r.err;
 
-    r = vonet(dir, {"import", "onnx", proto, weights, "-o", model});
-    EXPECT_EQ(r.status, 2);
-    r = vonet(dir, {"import", "caffe", proto, weights});
-    EXPECT_EQ(r.status, 2);
-    r = vonet(dir, {"import", "caffe", proto, weights, "-o", model, "--input-shape", "1x2"});
-    EXPECT_EQ(r.status, 2);
+    const std::vector<std::string> badUsage[] = {{"import", "onnx", proto, weights, "-o", model},
+                                                 {"import", "caffe", proto, weights},
+                                                 {"import", "caffe", proto, weights, "-o", model, "--input-shape", "1x2"}};
+    for (const std::vector<std::string>& args : badUsage) EXPECT_EQ(vonet(dir, args).status, 2) << args.back();
     r = vonet(dir, {"import", "caffe", proto, weights, "-o", model, "--outputs", "nope"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "vonet import: output 'nope' is not a blob of the network\n");

@@ -5,14 +5,14 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "test_util.h"
 
 namespace {
 
-using vo_test::read_file;
-using vo_test::TempDir;
-using vo_test::write_file;
+using namespace vo_test;
 
 TEST(RectFile, OneBoxPerFile) {
     TempDir dir;
@@ -21,8 +21,7 @@ TEST(RectFile, OneBoxPerFile) {
     EXPECT_EQ(read_file(path), "1 -2 30 40\n");
     VRect r{};
     ASSERT_EQ(read_rect_file(path.c_str(), &r), 0);
-    EXPECT_EQ(r.y, -2);
-    EXPECT_EQ(r.height, 40);
+    EXPECT_EQ(std::make_tuple(r.x, r.y, r.width, r.height), std::make_tuple(1, -2, 30, 40));
 
     ASSERT_EQ(write_rect_file(path.c_str(), VRectf{1.5f, 2, 3.25f, 4}), 0);
     EXPECT_EQ(read_file(path), "1.500000 2.000000 3.250000 4.000000\n");
@@ -34,8 +33,7 @@ TEST(RectFile, OneBoxPerFile) {
     write_file(path, "7 8");
     VRect partial{0, 0, 99, 99};
     EXPECT_EQ(read_rect_file(path.c_str(), &partial), 0);
-    EXPECT_EQ(partial.y, 8);
-    EXPECT_EQ(partial.width, 99);
+    EXPECT_EQ(std::make_tuple(partial.x, partial.y, partial.width, partial.height), std::make_tuple(7, 8, 99, 99));
     EXPECT_EQ(read_rect_file(dir.file("absent").c_str(), &partial), 4);
 }
 
@@ -87,9 +85,7 @@ TEST(RectListFile, LabelledListsNeedEveryDeclaredLine) {
     int count = 0;
     ASSERT_EQ(read_rect_list_file(path.c_str(), &fread_, &lread, &count), 0);
     ASSERT_EQ(count, 2);
-    EXPECT_EQ(lread[1], -1);
-    EXPECT_EQ(fread_[0].x, 1.5f);
-    EXPECT_EQ(fread_[1].y, 0.25f);
+    EXPECT_EQ(std::make_tuple(lread[1], fread_[0].x, fread_[1].y), std::make_tuple(-1, 1.5f, 0.25f));
     free(fread_);
     free(lread);
 
@@ -98,8 +94,7 @@ TEST(RectListFile, LabelledListsNeedEveryDeclaredLine) {
     EXPECT_EQ(read_file(path), "1\n3 10 20 30 40\n");
     VRect* iread = nullptr;
     ASSERT_EQ(read_rect_list_file(path.c_str(), &iread, &lread, &count), 0);
-    EXPECT_EQ(lread[0], 3);
-    EXPECT_EQ(iread[0].height, 40);
+    EXPECT_EQ(std::make_pair(lread[0], iread[0].height), std::make_pair(3, 40));
     free(iread);
     free(lread);
 
@@ -156,27 +151,20 @@ TEST(AttrFile, KeysInAnyOrderUnknownKeysStopTheReading) {
     ASSERT_EQ(write_attr_file(path.c_str(), AttrData{2, 30, 0.5f, 1, 0}), 0);
     EXPECT_EQ(read_file(path), "emotion 2\nage 30\nbeauty 0.500000\nmale 1\nrace 0\n");
     AttrData a{-1, -1, -1.0f, -1, -1};
+    auto fields = [](const AttrData& d) { return std::make_tuple(d.emotion, d.age, d.beauty, d.male, d.race); };
     ASSERT_EQ(read_attr_file(path.c_str(), &a), 0);
-    EXPECT_EQ(a.emotion, 2);
-    EXPECT_EQ(a.age, 30);
-    EXPECT_EQ(a.beauty, 0.5f);
-    EXPECT_EQ(a.male, 1);
-    EXPECT_EQ(a.race, 0);
+    EXPECT_EQ(fields(a), std::make_tuple(2, 30, 0.5f, 1, 0));
 
     write_file(path, "race 3\n\nage 41\n");
     a = {-1, -1, -1.0f, -1, -1};
     ASSERT_EQ(read_attr_file(path.c_str(), &a), 0);
-    EXPECT_EQ(a.age, 41);
-    EXPECT_EQ(a.race, 3);
-    EXPECT_EQ(a.emotion, -1);
-    EXPECT_EQ(a.beauty, -1.0f);
+    EXPECT_EQ(fields(a), std::make_tuple(-1, 41, -1.0f, -1, 3));
 
     // Fields before the unknown key stay filled, those after are not read.
     write_file(path, "male 0\nheight 180\nage 12\n");
     a = {-1, -1, -1.0f, -1, -1};
     EXPECT_EQ(read_attr_file(path.c_str(), &a), 4);
-    EXPECT_EQ(a.male, 0);
-    EXPECT_EQ(a.age, -1);
+    EXPECT_EQ(fields(a), std::make_tuple(-1, -1, -1.0f, 0, -1));
     // Keys compare exactly; an overlong first word is just an unknown key.
     for (const std::string& body : {std::string("ages 12\n"), std::string(200, 'k') + " 1\n", std::string(600, 'a')}) {
         write_file(path, body);
@@ -193,19 +181,14 @@ TEST(SliceListFile, ModeSelectsTheScore) {
     int mode = -1;
     write_file(path, "1\n2\n0.1 0.9 1\n0.8 0.2 0\n");
     ASSERT_EQ(read_slice_list_file(path.c_str(), &s, &count, &mode), 0);
-    EXPECT_EQ(mode, 1);
     ASSERT_EQ(count, 2);
-    EXPECT_EQ(s[0].score, 0.9f);
-    EXPECT_EQ(s[0].label, 1);
-    EXPECT_EQ(s[1].score, 0.2f);
-    EXPECT_EQ(s[1].label, 0);
+    EXPECT_EQ(std::make_tuple(mode, s[0].score, s[0].label, s[1].score, s[1].label),
+              std::make_tuple(1, 0.9f, 1, 0.2f, 0));
     free(s);
     // Line breaks and blanks are interchangeable.
     write_file(path, "0 2 0.1 0.9\n1 0.8\n0.2 0");
     ASSERT_EQ(read_slice_list_file(path.c_str(), &s, &count, &mode), 0);
-    EXPECT_EQ(mode, 0);
-    EXPECT_EQ(s[0].score, 0.1f);
-    EXPECT_EQ(s[1].score, 0.8f);
+    EXPECT_EQ(std::make_tuple(mode, s[0].score, s[1].score), std::make_tuple(0, 0.1f, 0.8f));
     free(s);
 
     for (const char* body : {"", "1\n", "1\n0\n", "x\n1\n0.1 0.2 1\n", "1\n3\n0.1 0.9 1\n0.8 0.2 0\n",

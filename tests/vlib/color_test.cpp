@@ -10,8 +10,7 @@
 
 namespace {
 
-using vo_test::Buffer;
-using vo_test::TestImage;
+using namespace vo_test;
 
 uint32_t ref_gray(const uint8_t* p, uint32_t k0, uint32_t k1, uint32_t k2) {
     return (p[0] * k0 + p[1] * k1 + p[2] * k2 + 8192) >> 14;

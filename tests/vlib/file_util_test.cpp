@@ -13,8 +13,7 @@
 
 namespace {
 
-using vo_test::TempDir;
-using vo_test::write_file;
+using namespace vo_test;
 
 std::vector<std::string> read_list(const std::string& path, int expectedStatus = 0) {
     char** list = reinterpret_cast<char**>(&list);  // must be reset

@@ -10,8 +10,7 @@
 
 namespace {
 
-using vo_test::Buffer;
-using vo_test::TestImage;
+using namespace vo_test;
 
 std::vector<int> bytes_of(TestImage& img, int rowBytes) {
     std::vector<int> v;
@@ -22,14 +21,11 @@ std::vector<int> bytes_of(TestImage& img, int rowBytes) {
 TEST(PixelOps, KnownResults) {
     uint8_t two[2] = {0, 255};
     equalize_image(two, 2, 1, 2);
-    EXPECT_EQ(two[0], 127);
-    EXPECT_EQ(two[1], 255);
+    EXPECT_EQ(std::vector<int>(two, two + 2), (std::vector<int>{127, 255}));
 
     uint8_t levels[3] = {0, 128, 255};
     brightness_adjust(levels, 3, 1, 1, 3, 0.5f);
-    EXPECT_EQ(levels[0], 0);
-    EXPECT_EQ(levels[1], 177);
-    EXPECT_EQ(levels[2], 255);
+    EXPECT_EQ(std::vector<int>(levels, levels + 3), (std::vector<int>{0, 177, 255}));
     uint8_t same[3] = {0, 128, 255};
     brightness_adjust(same, 3, 1, 1, 3, -0.005f);
     EXPECT_EQ(same[1], 128);
@@ -40,11 +36,7 @@ TEST(PixelOps, KnownResults) {
     EXPECT_EQ(std::vector<uint8_t>(block, block + 25), std::vector<uint8_t>(mosaicked, mosaicked + 25));
     uint8_t colour[12] = {1, 10, 100, 3, 20, 101, 7, 7, 7, 9, 9, 9};
     mosaic(colour, 2, 2, 3, 6, 2);
-    for (int p = 0; p < 4; ++p) {
-        EXPECT_EQ(colour[3 * p], 5);
-        EXPECT_EQ(colour[3 * p + 1], 11);
-        EXPECT_EQ(colour[3 * p + 2], 54);
-    }
+    EXPECT_EQ(std::vector<int>(colour, colour + 12), (std::vector<int>{5, 11, 54, 5, 11, 54, 5, 11, 54, 5, 11, 54}));
 
     uint8_t inverse[256], bytes[3] = {0, 7, 255};
     for (int i = 0; i < 256; ++i) inverse[i] = uint8_t(255 - i);

@@ -3,16 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 namespace {
 
-#define EXPECT_RECT(r, X, Y, W, H)      \
-    do {                                \
-        EXPECT_EQ((r).x, X);            \
-        EXPECT_EQ((r).y, Y);            \
-        EXPECT_EQ((r).width, W);        \
-        EXPECT_EQ((r).height, H);       \
-    } while (0)
+// As one tuple, so that a mismatch prints the whole box.
+#define EXPECT_RECT(r, X, Y, W, H) \
+    EXPECT_EQ(std::make_tuple((r).x, (r).y, (r).width, (r).height), std::make_tuple(X, Y, W, H))
 
 TEST(Rect, IntegerOverlapCountsInclusivePixelsAfterTruncatedSeparationTest) {
     VRect a{0, 0, 10, 10};
@@ -80,10 +77,8 @@ TEST(Rect, AffineRectangleBoundsTheMappedCorners) {
     TranArgs turn{2.0f, float(M_PI / 2), 0.3f, -7.0f, {0.0f, 0.0f}, {10.0f, 20.0f}};
     VRectf box{0, 0, 1, 2};
     affine_rectangle(&box, &fout, turn);
-    EXPECT_NEAR(fout.x, 10.0f, 1e-5f);
-    EXPECT_NEAR(fout.y, 18.0f, 1e-5f);
-    EXPECT_NEAR(fout.width, 4.0f, 1e-5f);
-    EXPECT_NEAR(fout.height, 2.0f, 1e-5f);
+    const float got[4] = {fout.x, fout.y, fout.width, fout.height}, want[4] = {10, 18, 4, 2};
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(got[i], want[i], 1e-5f) << i;
 }
 
 }  // namespace

@@ -4,19 +4,23 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
 
 #include "test_util.h"
 
 namespace {
 
-using vo_test::read_file;
-using vo_test::TempDir;
-using vo_test::write_file;
+using namespace vo_test;
 
 Shape make_shape(std::initializer_list<VPointf> pts) {
     Shape s{};
     for (const VPointf& p : pts) s.pts[s.ptsSize++] = p;
     return s;
+}
+
+template <class R>
+auto fields(const R& r) {
+    return std::make_tuple(r.x, r.y, r.width, r.height);
 }
 
 // Every point and the count marked, to see what a reader touched.
@@ -47,10 +51,8 @@ TEST(PtsFile, WritesTheExactFormatAndReadsItBack) {
     EXPECT_EQ(read_file(path), "version: 1\nn_points:  2\n{\n1.500000 2.250000\n3.000000 4.000000\n}");
     Shape back = marked_shape();
     EXPECT_EQ(read_pts_file(path.c_str(), back), 2);
-    EXPECT_EQ(back.ptsSize, 2);
-    EXPECT_EQ(back.pts[0].y, 2.25f);
-    EXPECT_EQ(back.pts[1].x, 3.0f);
-    EXPECT_EQ(back.pts[2].x, -1.0f);
+    EXPECT_EQ(std::make_tuple(back.ptsSize, back.pts[0].y, back.pts[1].x, back.pts[2].x),
+              std::make_tuple(2, 2.25f, 3.0f, -1.0f));
 
     std::string missing = dir.file("missing/face.pts");
     testing::internal::CaptureStdout();
@@ -67,18 +69,14 @@ TEST(PtsFile, MalformedFilesNeverOverrunThePointArray) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(read_pts_file(path.c_str(), s), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "END of FILE: " + path + "\n");
-    EXPECT_EQ(s.ptsSize, 3);
-    EXPECT_EQ(s.pts[1].y, 4.0f);
-    EXPECT_EQ(s.pts[2].x, -1.0f);
+    EXPECT_EQ(std::make_tuple(s.ptsSize, s.pts[1].y, s.pts[2].x), std::make_tuple(3, 4.0f, -1.0f));
 
     // A brace before the declared count stops reading, the declared count
     // is returned; a line with one number sets x only.
     write_file(path, "version: 1\nn_points:  4\n{\n7.5\n}\n5 6\n");
     s = marked_shape();
     EXPECT_EQ(read_pts_file(path.c_str(), s), 4);
-    EXPECT_EQ(s.pts[0].x, 7.5f);
-    EXPECT_EQ(s.pts[0].y, -1.0f);
-    EXPECT_EQ(s.pts[1].x, -1.0f);
+    EXPECT_EQ(std::make_tuple(s.pts[0].x, s.pts[0].y, s.pts[1].x), std::make_tuple(7.5f, -1.0f, -1.0f));
 
     // Unusable headers leave the shape untouched.
     const char* headers[] = {"version: 1\nn_points:  0\n{\n",
@@ -110,29 +108,16 @@ TEST(PtsFile, MalformedFilesNeverOverrunThePointArray) {
 
 TEST(Shape, BoundsCentreAndSquare) {
     Shape one = make_shape({{2.4f, 3.6f}});
-    VRect r = calculate_shape_rectangle(one);
-    EXPECT_EQ(r.x, 2);
-    EXPECT_EQ(r.y, 4);
-    EXPECT_EQ(r.width, 1);
-    EXPECT_EQ(r.height, 1);
-    VRectf rf = calculate_shape_rectanglef(one);
-    EXPECT_EQ(rf.x, 2.4f + 0.5f);
-    EXPECT_EQ(rf.y, 3.6f + 0.5f);
-    EXPECT_EQ(rf.width, 1.0f);
+    EXPECT_EQ(fields(calculate_shape_rectangle(one)), std::make_tuple(2, 4, 1, 1));
+    EXPECT_EQ(fields(calculate_shape_rectanglef(one)), std::make_tuple(2.4f + 0.5f, 3.6f + 0.5f, 1.0f, 1.0f));
 
     // w = 10, h = 4, s = 10.5: {trunc(-0.25), trunc(-3.25), 10, 10}.
     Shape two = make_shape({{0, 0}, {9, 3}});
-    VRect sq = calculate_shape_square(two);
-    EXPECT_EQ(sq.x, 0);
-    EXPECT_EQ(sq.y, -3);
-    EXPECT_EQ(sq.width, 10);
-    EXPECT_EQ(sq.height, 10);
+    EXPECT_EQ(fields(calculate_shape_square(two)), std::make_tuple(0, -3, 10, 10));
 
     Shape three = make_shape({{0, 0}, {6, 0}, {0, 3}});
-    EXPECT_EQ(calculate_shape_central(three).x, 2.0f);
-    EXPECT_EQ(calculate_shape_central(three).y, 1.0f);
-    EXPECT_EQ(calculate_shape_center(three).x, 3.0f);
-    EXPECT_EQ(calculate_shape_center(three).y, 1.5f);
+    const VPointf central = calculate_shape_central(three), center = calculate_shape_center(three);
+    EXPECT_EQ(std::make_tuple(central.x, central.y, center.x, center.y), std::make_tuple(2.0f, 1.0f, 3.0f, 1.5f));
 
     Shape empty{};
     testing::internal::CaptureStderr();
@@ -145,9 +130,7 @@ TEST(Shape, SimilarityTransformAndItsForwardMap) {
     Shape src = make_shape({{0, 0}, {4, 0}, {4, 2}, {0, 2}, {1, 5}});
     TranArgs args{};
     similarity_transform(src, src, args);
-    EXPECT_EQ(args.scale, 1.0f);
-    EXPECT_EQ(args.angle, 0.0f);
-    EXPECT_EQ(args.cosAngle, 1.0f);
+    EXPECT_EQ(std::make_tuple(args.scale, args.angle, args.cosAngle), std::make_tuple(1.0f, 0.0f, 1.0f));
     EXPECT_EQ(args.srcCenter.x, args.dstCenter.x);
 
     Shape quarter = rotated(src, 90, 1.0, {0, 0});

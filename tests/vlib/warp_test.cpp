@@ -11,8 +11,7 @@
 
 namespace {
 
-using vo_test::Buffer;
-using vo_test::TestImage;
+using namespace vo_test;
 
 struct Warp {
     float angle, scale;
