@@ -105,10 +105,13 @@ float extreme(const float* src, int64_t width, Range rows, Range cols) {
 }
 
 // The valid part of a padded plane: rows [rowBegin, rowEnd) and columns
-// [colBegin, colEnd) hold the input, the rest is padding.
+// [colBegin, colEnd) of the padded coordinates hold the input, the rest is
+// padding. `data` points at the input's first element, (rowBegin, colBegin):
+// the row kernels never read the padding, so the input itself can serve
+// without a padded copy.
 struct PaddedPlane {
     const float* data;
-    int64_t stride;  // floats from one padded row to the next
+    int64_t stride;  // floats from one row to the next
     int64_t rowBegin, rowEnd, colBegin, colEnd;
 };
 
@@ -143,7 +146,7 @@ void pool_kxks2_max_row(const PaddedPlane& plane, int64_t top, float* out, int64
     while (ox < outW) {
         const int64_t x0 = 2 * ox;
         if (ox >= firstInside && ox + 8 <= outW && x0 + kSpan <= plane.colEnd) {
-            const float* p = plane.data + rows.begin * plane.stride + x0;
+            const float* p = plane.data + (rows.begin - plane.rowBegin) * plane.stride + (x0 - plane.colBegin);
             __m256 m = deinterleave<false>(p);
             m = _mm256_max_ps(deinterleave<true>(p), m);
             if (K == 3) m = _mm256_max_ps(deinterleave<false>(p + 2), m);
@@ -158,7 +161,9 @@ void pool_kxks2_max_row(const PaddedPlane& plane, int64_t top, float* out, int64
             continue;
         }
         Range cols{x0 > plane.colBegin ? x0 : plane.colBegin, x0 + K < plane.colEnd ? x0 + K : plane.colEnd};
-        out[ox] = cols.end <= cols.begin ? 0.0f : extreme<true>(plane.data, plane.stride, rows, cols);
+        const Range inRows{rows.begin - plane.rowBegin, rows.end - plane.rowBegin};
+        const Range inCols{cols.begin - plane.colBegin, cols.end - plane.colBegin};
+        out[ox] = cols.end <= cols.begin ? 0.0f : extreme<true>(plane.data, plane.stride, inRows, inCols);
         ++ox;
     }
 }
@@ -169,6 +174,31 @@ void pool_2x2s2_max_asm(const PaddedPlane& plane, int64_t top, float* out, int64
 
 void pool_3x3s2_max_asm(const PaddedPlane& plane, int64_t top, float* out, int64_t outW) {
     pool_kxks2_max_row<3>(plane, top, out, outW);
+}
+
+// 2x2 and 3x3 stride-2 maxima straight from the input, one output row per
+// kernel call: the same windows and bits as pool_max.
+bool has_max_row_kernel(const Pooling* pool) {
+    return pool->kernelW == pool->kernelH && (pool->kernelW == 2 || pool->kernelW == 3) && pool->strideW == 2 &&
+           pool->strideH == 2;
+}
+
+void max_rows_s2(const Pooling* pool, const Tensor* in, Tensor* out) {
+    const int64_t inPlane = int64_t(in->height) * in->width;
+    const int64_t outPlane = int64_t(out->height) * out->width;
+    const int64_t planes = int64_t(in->num) * in->channel;
+    for (int64_t p = 0; p < planes; ++p) {
+        PaddedPlane plane{in->data + p * inPlane, in->width, pool->padH, int64_t(pool->padH) + in->height,
+                          pool->padW, int64_t(pool->padW) + in->width};
+        float* dst = out->data + p * outPlane;
+        for (int64_t oy = 0; oy < out->height; ++oy) {
+            if (pool->kernelW == 2) {
+                pool_2x2s2_max_asm(plane, 2 * oy, dst + oy * out->width, out->width);
+            } else {
+                pool_3x3s2_max_asm(plane, 2 * oy, dst + oy * out->width, out->width);
+            }
+        }
+    }
 }
 
 // Smallest padded extent >= in + 2 pad with (extent - kernel) a multiple of
@@ -251,7 +281,13 @@ int forward_pooling(Pooling* pool, Tensor** inputs, int inputCount, Tensor** out
                     ForwardParams*) {
     if (!pool || !inputs || !outputs || inputCount != 1 || outputCount != 1) return 7;
     switch (pool->type) {
-        case 0: return pool_max(pool, inputs[0], outputs[0]);
+        case 0:
+            if (has_max_row_kernel(pool)) {
+                if (int status = check_reduction("pool_max", pool, inputs[0], outputs[0])) return status;
+                max_rows_s2(pool, inputs[0], outputs[0]);
+                return 0;
+            }
+            return pool_max(pool, inputs[0], outputs[0]);
         case 1: return pool_min(pool, inputs[0], outputs[0]);
         case 2: return pool_ave(pool, inputs[0], outputs[0]);
         default: return 7;  // refused at load; only a record built in memory gets here
@@ -298,8 +334,7 @@ int pool_ave(Pooling* pool, Tensor* input, Tensor* output) {
 
 int pool_max_stable(Pooling* pool, Tensor* input, Tensor* output, ForwardParams* params) {
     if (!pool || !params) return 7;
-    const bool square = pool->kernelW == pool->kernelH && (pool->kernelW == 2 || pool->kernelW == 3);
-    if (!square || pool->strideW != 2 || pool->strideH != 2) return pool_max(pool, input, output);
+    if (!has_max_row_kernel(pool)) return pool_max(pool, input, output);
     if (int status = check_reduction(__func__, pool, input, output)) return status;
     // The padded copy goes to the scratch tensor, which must be neither end.
     VO_CHECK(input != params->columnBuffer && output != params->columnBuffer, return 5);
@@ -333,7 +368,9 @@ int pool_max_stable(Pooling* pool, Tensor* input, Tensor* output, ForwardParams*
     const int64_t outPlane = int64_t(output->height) * output->width;
     const int64_t planes = int64_t(input->num) * input->channel;
     for (int64_t p = 0; p < planes; ++p) {
-        PaddedPlane plane{src + p * height * width, width, pool->padH, int64_t(pool->padH) + input->height,
+        const float* origin = src + p * height * width;
+        if (src != input->data) origin += int64_t(pool->padH) * width + pool->padW;
+        PaddedPlane plane{origin, width, pool->padH, int64_t(pool->padH) + input->height,
                           pool->padW, int64_t(pool->padW) + input->width};
         float* dst = output->data + p * outPlane;
         for (int64_t oy = 0; oy < output->height; ++oy) {

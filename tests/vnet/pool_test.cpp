@@ -1,5 +1,6 @@
 // Pooling: sizes, windows and sums against the literal reference, and the
-// stride-2 row kernels against pool_max.
+// stride-2 row kernels (used by pool_max_stable and the layer's forward)
+// against pool_max.
 #include <vonet/vonet.h>
 
 #include <gtest/gtest.h>
@@ -117,6 +118,12 @@ TEST(Pool, StableRowKernelsMatchPoolMax) {
         const vo_ref::Blob want = vo_ref::pool(vo_ref::blob(N, C, H, W, values), 0, k, k, p.padW, p.padH, sW, 2);
         EXPECT_TRUE(same_bits(out.data, want.v.data(), outCount))
             << "k " << k << " pad " << p.padW << "," << p.padH << " in " << H << "x" << W;
+        // The layer's forward runs the same row kernels straight on the input.
+        std::fill(outBuf.begin(), outBuf.end(), 7.0f);
+        Tensor* inPtr = &in;
+        Tensor* outPtr = &out;
+        ASSERT_EQ(forward_pooling(&p, &inPtr, 1, &outPtr, 1, params), 0);
+        EXPECT_TRUE(same_bits(out.data, want.v.data(), outCount)) << "forward_pooling, k " << k;
         ++checked;
     }
     EXPECT_GT(checked, 300);
