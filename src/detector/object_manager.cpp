@@ -16,15 +16,7 @@
 // library gains no symbols and no runtime dependency from it.
 #define STB_IMAGE_STATIC
 #define STB_IMAGE_IMPLEMENTATION
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#pragma GCC diagnostic ignored "-Wunused-parameter"
-#pragma GCC diagnostic ignored "-Wsign-compare"
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#pragma GCC diagnostic ignored "-Wimplicit-fallthrough"
-#pragma GCC diagnostic ignored "-Wtype-limits"
-#include <stb/stb_image.h>
-#pragma GCC diagnostic pop
+#include "common/stb_private.h"
 
 namespace {
 
