@@ -80,4 +80,24 @@ void img2col_conv(const float* data, int32_t width, int32_t height, int32_t chan
 void col2img_conv(const float* col, int32_t width, int32_t height, int32_t channels, int32_t kernelW,
                   int32_t kernelH, int32_t strideW, int32_t strideH, int32_t padW, int32_t padH, float* data);
 
+// ---- Int8 kernels -----------------------------------------------------------
+// Symmetric 8-bit values in -127..127, exact 32-bit integer sums (wrapping
+// beyond the int32 range), float scales.
+
+// dst[i] = clamp(int16(trunc(scale * src[i])), -127, 127): the truncated
+// value keeps its low 16 bits before the clamp. A product outside the int32
+// range (NaN and infinities included) gives 0.
+void quantize_input(const float* src, int count, int8_t* dst, float scale);
+// dst[i] = fma(float(src[i]), scale, bias).
+void anti_quantize_output(const int32_t* src, int count, float* dst, float scale, float bias);
+// C (M x N) = A (M x K) * B (K x N), dense row-major, 32-bit sums; C is
+// overwritten. Allocates nothing.
+void matrix_multiply_s8(int M, int N, int K, const int8_t* A, const int8_t* B, int32_t* C);
+// The 8-bit column matrix of one image, laid out as img2col_conv's.
+void img2col_conv_s8(const int8_t* data, int width, int height, int channels, int kernelW, int kernelH,
+                     int strideW, int strideH, int padW, int padH, int8_t* col);
+// One row of that matrix: one channel, one kernel tap at (offX, offY).
+void img2col_conv_extract_line_s8(const int8_t* data, int width, int height, int8_t* dst, int outW, int outH,
+                                  int offX, int offY, int strideW, int strideH);
+
 #endif

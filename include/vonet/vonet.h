@@ -20,6 +20,7 @@
 #include <vonet/softmax.h>
 #include <vonet/normalization.h>
 #include <vonet/tensor_layers.h>
+#include <vonet/net_quantize.h>
 #include <vonet/detector.h>
 
 #endif

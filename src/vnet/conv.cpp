@@ -10,6 +10,7 @@
 #include "common/record_io.h"
 #include "kernels/gemm.h"
 #include "vnet/conv_common.h"
+#include "vnet/conv_private.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
 
@@ -162,8 +163,8 @@ int forward_conv_norm(Convolution* conv, Tensor** inputs, int inputCount, Tensor
 int forward_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs, int outputCount,
                  ForwardParams* params) {
     if (!conv) return 7;
-    // A quantised record would need the int8 path, which this build lacks.
-    VO_CHECK(conv->quantized == 0, return 7);
+    // Checked on every call: quantisation may convert a layer between passes.
+    if (conv->quantized) return forward_conv_norm_quantized(conv, inputs, inputCount, outputs, outputCount, params);
     return forward_conv_norm(conv, inputs, inputCount, outputs, outputCount, params);
 }
 
@@ -177,6 +178,8 @@ void release_conv_data(Convolution* conv) {
     free(conv->dequantScales);
     conv->weightScales = nullptr;
     conv->dequantScales = nullptr;
+    delete conv->internal;
+    conv->internal = nullptr;
 }
 
 void release_conv(Convolution** conv) {

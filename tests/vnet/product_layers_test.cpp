@@ -150,18 +150,4 @@ TEST(ProductLayers, EdgesOfTheSizeRules) {
     EXPECT_EQ(deconv.out()->data[0], 2.0f);  // the centre pixel: two input channels times weight 1
 }
 
-TEST(ProductLayers, QuantisedConvolutionHasNoPathYet) {
-    Model m(head(1, 2, 3, 3)
-                .layer("c", LAYER_CONVOLUTION, vo_test::conv_record(2, 2, 1, 1, 1, 1, 0, 0, std::vector<float>(4), {}),
-                       {"data"}, {"out"})
-                .bytes());
-    ASSERT_EQ(m.status, 0);
-    auto* conv = static_cast<Convolution*>(m.net->layers[0]->runParams);
-    conv->quantized = 1;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(m.forward(std::vector<float>(18), 1, 2, 3, 3), 7);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "vnet/conv: forward_conv: check failed: conv->quantized == 0\n");
-    conv->quantized = 0;
-}
-
 }  // namespace
