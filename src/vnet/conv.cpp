@@ -11,6 +11,7 @@
 #include "kernels/gemm.h"
 #include "vnet/conv_common.h"
 #include "vnet/conv_private.h"
+#include "vnet/conv_shape.h"
 #include "vnet/layer_registry.h"
 #include "vnet/tensor_internal.h"
 
@@ -20,24 +21,49 @@ constexpr const char* kUnit = "vnet/conv";
 // Checks in the helpers below are reported under the public operation.
 constexpr const char* kLoad = "load_conv";
 
+// The int8 part of a quantised record: M weight scales, the input scale and
+// one byte per weight (packed at the start of the weights buffer).
+int read_int8_bank(FILE* stream, Convolution* conv, int32_t num, int32_t channel, int32_t kernelH, int32_t kernelW,
+                   int64_t count) {
+    // Everything the record still claims must be in the file before any of
+    // it is allocated.
+    const int64_t tail = (int64_t(num) + 1) * int64_t(sizeof(float)) + count +
+                         (conv->hasBias ? int64_t(num) * int64_t(sizeof(float)) : 0);
+    if (!vo::file_holds(stream, tail, 1, kUnit, kLoad, "ret == weights->num")) return 4;
+    VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, num, channel, kernelH, kernelW) == 0, return 4);
+    conv->weightScales = static_cast<float*>(malloc(size_t(num) * sizeof(float)));
+    conv->dequantScales = static_cast<float*>(malloc(size_t(num) * sizeof(float)));
+    VO_CHECK_IN(kLoad, conv->weightScales != nullptr && conv->dequantScales != nullptr, return 4);
+    if (!vo::read_values(stream, conv->weightScales, num, kUnit, kLoad, "ret == weights->num") ||
+        !vo::read_field(stream, &conv->inputScale, kUnit, kLoad) ||
+        !vo::read_values(stream, reinterpret_cast<int8_t*>(conv->weights->data), count, kUnit, kLoad,
+                         "ret == weights->capacity"))
+        return 4;
+    for (int32_t o = 0; o < num; ++o) conv->dequantScales[o] = 1.0f / (conv->inputScale * conv->weightScales[o]);
+    return 0;
+}
+
 // Reads the record into `conv`; on failure the caller releases it.
 int read_conv(FILE* stream, Convolution* conv) {
     int32_t num = 0, channel = 0, kernelW = 0, kernelH = 0;
     if (!vo::read_fields(stream, kUnit, kLoad, &num, &channel, &kernelW, &kernelH, &conv->strideW, &conv->strideH,
                          &conv->padW, &conv->padH, &conv->hasBias, &conv->quantized))
         return 4;
-    // The int8 record is read by the int8 path, which this build does not have.
-    VO_CHECK_IN(kLoad, conv->quantized == 0, return 4);
+    VO_CHECK_IN(kLoad, conv->quantized <= 1, return 4);
     VO_CHECK_IN(kLoad, conv->hasBias <= 1, return 4);
     VO_CHECK_IN(kLoad, num > 0 && channel > 0, return 4);
     if (!vo::geometry_ok(kUnit, kLoad, conv, kernelW, kernelH)) return 4;
 
     int64_t count = vo::checked_count(num, channel, kernelH, kernelW);
     VO_CHECK_IN(kLoad, count >= 0, return 4);
-    if (!vo::bank_in_file(stream, conv, count, num, kUnit, kLoad)) return 4;
-
-    VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, num, channel, kernelH, kernelW) == 0, return 4);
-    if (!vo::read_weights(stream, conv, kUnit, kLoad)) return 4;
+    if (conv->quantized) {
+        if (int status = read_int8_bank(stream, conv, num, channel, kernelH, kernelW, count)) return status;
+    } else {
+        if (!vo::bank_in_file(stream, conv, count, num, kUnit, kLoad)) return 4;
+        VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->weights, num, channel, kernelH, kernelW) == 0,
+                    return 4);
+        if (!vo::read_weights(stream, conv, kUnit, kLoad)) return 4;
+    }
     if (conv->hasBias) {
         VO_CHECK_IN(kLoad, vo::reshape_tensor_checked(&conv->bias, 1, num, 1, 1) == 0, return 4);
         if (!vo::read_bias(stream, conv, kUnit, kLoad)) return 4;
@@ -47,12 +73,9 @@ int read_conv(FILE* stream, Convolution* conv) {
     return 0;
 }
 
-// Sizes of one forward pass, derived from the input and the record.
-struct ConvShape {
-    int32_t outW, outH;
-    int64_t K;  // rows of the column matrix: channel * kernelH * kernelW
-    int64_t N;  // output pixels per image
-};
+}  // namespace
+
+namespace vo {
 
 // Checks the input against the record and computes the output size; 5 when
 // they do not fit together.
@@ -75,7 +98,7 @@ int conv_shape(const Convolution* conv, const Tensor* src, const char* op, ConvS
     return 0;
 }
 
-}  // namespace
+}  // namespace vo
 
 Convolution* create_convolution() { return static_cast<Convolution*>(calloc(1, sizeof(Convolution))); }
 
@@ -89,11 +112,17 @@ int save_conv(FILE* stream, Convolution* conv) {
     Tensor* weights = conv->weights;
     VO_CHECK(weights != nullptr, return 7);
     VO_CHECK(!conv->hasBias || conv->bias != nullptr, return 7);
-    // Writing the int8 record belongs to the int8 path, not built here.
-    VO_CHECK(conv->quantized == 0, return 4);
+    VO_CHECK(!conv->quantized || conv->weightScales != nullptr, return 7);
     if (!vo::write_fields(stream, kUnit, __func__, weights->num, weights->channel, weights->width, weights->height,
-                          conv->strideW, conv->strideH, conv->padW, conv->padH, conv->hasBias, conv->quantized) ||
-        !vo::write_bank(stream, conv, kUnit, __func__))
+                          conv->strideW, conv->strideH, conv->padW, conv->padH, conv->hasBias, conv->quantized))
+        return 4;
+    if (!conv->quantized) return vo::write_bank(stream, conv, kUnit, __func__) ? 0 : 4;
+    if (!vo::write_values(stream, conv->weightScales, weights->num, kUnit, __func__, "ret == weights->num") ||
+        !vo::write_field(stream, conv->inputScale, kUnit, __func__) ||
+        !vo::write_values(stream, reinterpret_cast<const int8_t*>(weights->data), weights->capacity, kUnit,
+                          __func__, "ret == weights->capacity") ||
+        (conv->hasBias && !vo::write_values(stream, conv->bias->data, conv->bias->capacity, kUnit, __func__,
+                                            "ret == conv->bias->capacity")))
         return 4;
     return 0;
 }
@@ -103,8 +132,8 @@ int reshape_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** ou
     if (!conv || !inputs || inputCount != 1 || !outputs || outputCount != 1 || !params) return 7;
     Tensor* src = inputs[0];
     if (!src) return 5;
-    ConvShape shape;
-    if (int status = conv_shape(conv, src, __func__, &shape)) return status;
+    vo::ConvShape shape;
+    if (int status = vo::conv_shape(conv, src, __func__, &shape)) return status;
     const int32_t M = conv->weights->num;
     // Every size is checked before anything is resized, so a refused shape
     // leaves the output as it was.
@@ -124,8 +153,8 @@ int forward_conv_norm(Convolution* conv, Tensor** inputs, int inputCount, Tensor
     Tensor* src = inputs[0];
     Tensor* dst = outputs[0];
     if (!src || !dst) return 5;
-    ConvShape shape;
-    if (int status = conv_shape(conv, src, __func__, &shape)) return status;
+    vo::ConvShape shape;
+    if (int status = vo::conv_shape(conv, src, __func__, &shape)) return status;
     const Tensor* weights = conv->weights;
     const int32_t M = weights->num;
     // Another layer may have reshaped a shared tensor since this layer's

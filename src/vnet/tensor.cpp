@@ -84,6 +84,12 @@ void set_tensor_name(Tensor* tensor, const char* name) {
     strncpy(tensor->name, name, sizeof(tensor->name) - 1);
 }
 
+int ensure_scratch_bytes(Tensor** slot, int64_t bytes) {
+    if (bytes < 0) return 5;
+    if (*slot && int64_t((*slot)->allocCount) * int64_t(sizeof(float)) >= bytes) return 0;
+    return reshape_tensor_checked(slot, 1, 1, 1, (bytes + int64_t(sizeof(float)) - 1) / int64_t(sizeof(float)));
+}
+
 }  // namespace vo
 
 int32_t shape_tensor(const Tensor* tensor, int32_t axis) {

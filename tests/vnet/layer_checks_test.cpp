@@ -58,7 +58,9 @@ TEST(LayerChecks, RefusedRecords) {
         std::string record;
         std::string message;
     } bad[] = {
-        {LAYER_CONVOLUTION, conv_fields({3, 2, 3, 3, 1, 1, 1, 1}, 0, 1), "conv->quantized == 0"},
+        {LAYER_CONVOLUTION, conv_fields({3, 2, 3, 3, 1, 1, 1, 1}, 0, 2), "conv->quantized <= 1"},
+        // An int8 record claims one byte per weight: still more than the file has.
+        {LAYER_CONVOLUTION, conv_fields({64, 64, 3, 3, 1, 1, 1, 1}, 0, 1), "ret == weights->num"},
         {LAYER_CONVOLUTION, conv_fields({3, 2, 3, 3, 1, 1, 1, 1}, 2, 0), "conv->hasBias <= 1"},
         {LAYER_CONVOLUTION, conv_fields({0, 2, 3, 3, 1, 1, 1, 1}, 0, 0), "num > 0 && channel > 0"},
         {LAYER_CONVOLUTION, conv_fields({3, -2, 3, 3, 1, 1, 1, 1}, 0, 0), "num > 0 && channel > 0"},
@@ -87,7 +89,8 @@ TEST(LayerChecks, RefusedRecords) {
         {LAYER_DECONVOLUTION, deconv_fields({3, 2, 2, 2, 2, 2, 0, -1}, 0), "conv->padH >= 0 && conv->padH <= kMaxExtent"},
         {LAYER_DECONVOLUTION, deconv_fields({1 << 16, 1 << 16, 1, 1, 1, 1, 0, 0}, 0), "count >= 0"},
         {LAYER_DECONVOLUTION, deconv_fields({1 << 10, 1 << 10, 3, 3, 1, 1, 0, 0}, 0), "ret == weights->capacity"},
-        {LAYER_INNER_PRODUCT, fc_fields(0, 1, 4, 3), "fc->quantized == 0"},
+        {LAYER_INNER_PRODUCT, fc_fields(0, 7, 4, 3), "fc->quantized <= 1"},
+        {LAYER_INNER_PRODUCT, fc_fields(0, 1, 64, 64), "ret == fc->inputDim * fc->outputDim"},
         {LAYER_INNER_PRODUCT, fc_fields(3, 0, 4, 3), "fc->hasBias <= 1"},
         {LAYER_INNER_PRODUCT, fc_fields(0, 0, 0, 3), "fc->inputDim > 0 && fc->outputDim > 0"},
         {LAYER_INNER_PRODUCT, fc_fields(0, 0, 4, -3), "fc->inputDim > 0 && fc->outputDim > 0"},
