@@ -13,7 +13,7 @@ struct ForwardParams {
     Tensor* inputBuffer;
     Tensor* outputBuffer;
     Tensor* columnBuffer;
-    int32_t winograd;  // kept for hosts; no operation reads it
+    int32_t winograd;  // while set, float 3x3 stride-1 convolutions take the Winograd path
     Tensor* padBuffer;
     Tensor* winogradOutput;
     Tensor* winogradInput;

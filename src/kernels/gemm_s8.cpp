@@ -1,9 +1,16 @@
-// Int8 matrix product with exact 32-bit sums.
+// Int8 matrix product with exact 32-bit sums: the portable form, and the
+// public entry that runs the active path.
 #include <vonet/kernels.h>
 
 #include <cstdint>
 
-void matrix_multiply_s8(int M, int N, int K, const int8_t* A, const int8_t* B, int32_t* C) {
+#include "kernels/int8.h"
+#include "kernels/isa.h"
+
+namespace vo {
+namespace ref {
+
+void gemm_s8(int M, int N, int K, const int8_t* A, const int8_t* B, int32_t* C) {
     if (M < 1 || N < 1) return;
     // Sums wrap modulo 2^32 as two's complement; unsigned arithmetic keeps
     // that free of signed overflow.
@@ -15,4 +22,11 @@ void matrix_multiply_s8(int M, int N, int K, const int8_t* A, const int8_t* B, i
             C[int64_t(m) * N + n] = int32_t(sum);
         }
     }
+}
+
+}  // namespace ref
+}  // namespace vo
+
+void matrix_multiply_s8(int M, int N, int K, const int8_t* A, const int8_t* B, int32_t* C) {
+    vo::kernels().gemm_s8(M, N, K, A, B, C);
 }

@@ -2,9 +2,11 @@
 #include <vonet/convolution.h>
 #include <vonet/kernels.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "common/check.h"
 #include "common/record_io.h"
@@ -100,6 +102,56 @@ int conv_shape(const Convolution* conv, const Tensor* src, const char* op, ConvS
 
 }  // namespace vo
 
+namespace {
+
+// VONET_CONV=general turns the automatic choice off for the whole process
+// (read once); the test hook overrides it: -1 none, 0 automatic, 1 general.
+std::atomic<int> gGeneralForTesting{-1};
+
+bool general_path_forced() {
+    const int forced = gGeneralForTesting.load(std::memory_order_relaxed);
+    if (forced >= 0) return forced != 0;
+    static const bool fromEnv = [] {
+        const char* env = getenv("VONET_CONV");
+        return env && strcmp(env, "general") == 0;
+    }();
+    return fromEnv;
+}
+
+bool is_3x3s1(const Convolution* conv) {
+    const Tensor* w = conv->weights;
+    return w && w->width == 3 && w->height == 3 && conv->strideW == 1 && conv->strideH == 1;
+}
+
+// The fastest path with the general path's bits for this layer, by the
+// figures of bench/conv_paths_bench.cpp (AVX2 and AVX-512 alike): the
+// direct kernels win on 3x3 stride 1 and 2, 2x2 stride 1 and 4x4 stride 4
+// at every measured size; on 1x1 only with few output channels (about
+// even at 8, the product reuses a deep input better from 16 on).
+int choose_path(const Convolution* conv) {
+    const Tensor* w = conv->weights;
+    if (!vo::conv_direct_serves(conv) || w->width != w->height || conv->strideW != conv->strideH)
+        return kConvPathGeneral;
+    const int k = w->width, s = conv->strideW;
+    if (k == 1 && s == 1) return w->num < 8 ? kConvPathDirect : kConvPathGeneral;
+    if ((k == 3 && (s == 1 || s == 2)) || (k == 2 && s == 1) || (k == 4 && s == 4)) return kConvPathDirect;
+    return kConvPathGeneral;
+}
+
+void record_path(Convolution* conv) {
+    if (!conv->internal) conv->internal = new (std::nothrow) VoConvPrivate{};
+    VoConvPrivate* p = conv->internal;
+    if (!p) return;  // no memory for the choice: the general path stays
+    p->path = choose_path(conv);
+    if (p->path == kConvPathDirect)
+        snprintf(p->name, sizeof(p->name), "direct-%dx%ds%d", conv->weights->height, conv->weights->width,
+                 conv->strideH);
+    else
+        snprintf(p->name, sizeof(p->name), "general");
+}
+
+}  // namespace
+
 Convolution* create_convolution() { return static_cast<Convolution*>(calloc(1, sizeof(Convolution))); }
 
 int load_conv(FILE* stream, void** result) {
@@ -144,6 +196,7 @@ int reshape_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** ou
         vo::reshape_tensor_checked(&params->outputBuffer, 1, M, shape.outH, shape.outW) ||
         vo::reshape_tensor_checked(&outputs[0], src->num, M, shape.outH, shape.outW))
         return 5;
+    record_path(conv);
     return 0;
 }
 
@@ -194,6 +247,12 @@ int forward_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** ou
     if (!conv) return 7;
     // Checked on every call: quantisation may convert a layer between passes.
     if (conv->quantized) return forward_conv_norm_quantized(conv, inputs, inputCount, outputs, outputCount, params);
+    // The Winograd switch is read on every pass: closing it makes the
+    // layer exact again at once.
+    if (params && params->winograd && is_3x3s1(conv))
+        return forward_conv_3x3s1_winograd(conv, inputs, inputCount, outputs, outputCount, params);
+    if (conv->internal && conv->internal->path == kConvPathDirect && !general_path_forced())
+        return vo::forward_conv_direct(conv, inputs, inputCount, outputs, outputCount, params);
     return forward_conv_norm(conv, inputs, inputCount, outputs, outputCount, params);
 }
 
@@ -236,11 +295,33 @@ int forward_conv_gpu(Convolution*, Tensor**, int, Tensor**, int, ForwardParams*)
 
 // Fast paths are filled in by the units that build them (slots listed in
 // ConvTableSlot); until then every slot is null.
-ConvForwardOp const convTableNorm[CONV_TABLE_SIZE] = {};
-ConvForwardOp const convTableNormWinograd[CONV_TABLE_SIZE] = {};
-ConvForwardOp const convTableQuantize[CONV_TABLE_SIZE] = {};
+ConvForwardOp const convTableNorm[CONV_TABLE_SIZE] = {
+    nullptr, nullptr, nullptr, nullptr, forward_conv_1x1s1, nullptr, nullptr, nullptr, nullptr, nullptr,
+    nullptr, nullptr, forward_conv_3x3s1, forward_conv_3x3s2, nullptr, nullptr, nullptr, nullptr, nullptr,
+    forward_conv_4x4s4};
+ConvForwardOp const convTableNormWinograd[CONV_TABLE_SIZE] = {
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    forward_conv_3x3s1_winograd};
+ConvForwardOp const convTableQuantize[CONV_TABLE_SIZE] = {
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    forward_conv_3x3s1_s8, forward_conv_3x3s2_s8};
 
 namespace vo {
+
+const char* conv_path_name(const Convolution* conv, const ForwardParams* params) {
+    if (!conv) return "";
+    if (conv->quantized) return "int8";
+    if (params && params->winograd && is_3x3s1(conv)) return "winograd";
+    if (!conv->internal || conv->internal->path == kConvPathGeneral || general_path_forced()) return "general";
+    return conv->internal->name;
+}
+
+bool set_conv_general_for_testing(bool general) {
+    const bool previous = general_path_forced();
+    gGeneralForTesting.store(general ? 1 : 0, std::memory_order_relaxed);
+    return previous;
+}
+
 const LayerOps kConvOps = make_layer_ops<Convolution, forward_conv, reshape_conv, save_conv, release_conv,
                                          get_info_conv, load_conv>();
 }  // namespace vo

@@ -225,6 +225,7 @@ TEST(VonetCli, ExampleModelInfoRunAndBench) {
         EXPECT_EQ(fields, expected[i]) << rows[7 + i];
     }
     EXPECT_TRUE(contains(rows[7], "Convolution, kern: 8 3 3 3, stride: 1 1, pad: 1 1, bias: 1")) << rows[7];
+    EXPECT_TRUE(contains(rows[7], " direct-3x3s1 ")) << rows[7];  // the path chosen for the layer
     EXPECT_EQ(rows[15], "total: 2210 parameters (2.2 K), 240416 multiply-adds (240.4 K)");
 
     // A larger input changes the convolution shapes, and the inner product cannot take it.

@@ -34,7 +34,8 @@ constexpr const char* kHelp =
     "  --warmup N       untimed passes first, 0 to 1000000 (default 3)\n"
     "  --per-layer      then time each layer's forward operation on its own over\n"
     "                   another N passes and print a table: median time per layer\n"
-    "                   in microseconds and its share of the sum of the medians\n"
+    "                   in microseconds, its share of the sum of the medians and\n"
+    "                   the forward path the layer runs on (see vonet info)\n"
     "  --input FILE     input values: raw little-endian float32, N*C*H*W values\n"
     "  --seed N         without --input, pseudo-random input in [-1, 1) (default 1)\n"
     "  -h, --help       show this help\n"
@@ -94,13 +95,13 @@ void print_layer_table(const Net* net, const std::vector<std::vector<double>>& t
         sum += medians[i];
     }
     printf("per layer, %lld passes:\n", static_cast<long long>(runs));
-    Table table({"#", "name", "type", "median us", "share"}, {true, false, false, true, true});
+    Table table({"#", "name", "type", "median us", "share", "path"}, {true, false, false, true, true, false});
     for (size_t i = 0; i < times.size(); ++i) {
         const Layer* layer = net->layers[i];
         table.add({std::to_string(i), layer->name, layer_type_name(layer->type), format("%.2f", medians[i]),
-                   format("%.1f%%", sum > 0 ? 100.0 * medians[i] / sum : 0.0)});
+                   format("%.1f%%", sum > 0 ? 100.0 * medians[i] / sum : 0.0), layer_path(layer, net->forwardParams)});
     }
-    table.add({"", "all layers", "", format("%.2f", sum), "100.0%"});
+    table.add({"", "all layers", "", format("%.2f", sum), "100.0%", ""});
     table.print(stdout, 2);
 }
 

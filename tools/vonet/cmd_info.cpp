@@ -19,7 +19,9 @@ constexpr const char* kHelp =
     "\n"
     "Loads MODEL and prints its inputs and outputs with their shapes, then one row\n"
     "per layer in execution order: index, name, type, output shape(s), parameter\n"
-    "count, multiply-adds and the layer's own description, then the totals.\n"
+    "count, multiply-adds, the forward path it runs on (convolutions: general,\n"
+    "direct-KxKsS, winograd or int8; quantised inner products: int8) and the\n"
+    "layer's own description, then the totals.\n"
     "\n"
     "Options:\n"
     "  --shape NxCxHxW  reshape the net for this input shape first (default: the\n"
@@ -99,8 +101,8 @@ int run_info(const std::vector<std::string>& argv) {
     }
     printf("layers: %u\n", net->layerSize);
 
-    Table table({"#", "name", "type", "output", "params", "multiply-adds", "description"},
-                {true, false, false, false, true, true, false});
+    Table table({"#", "name", "type", "output", "params", "multiply-adds", "path", "description"},
+                {true, false, false, false, true, true, false, false});
     int64_t params = 0;
     int64_t multiplyAdds = 0;
     unsigned unknown = 0;
@@ -116,7 +118,7 @@ int run_info(const std::vector<std::string>& argv) {
         }
         table.add({std::to_string(i), layer->name, layer_type_name(layer->type), output_shapes(layer),
                    s.known ? std::to_string(s.params) : "-", s.known ? std::to_string(s.multiplyAdds) : "-",
-                   description(layer)});
+                   layer_path(layer, net->forwardParams), description(layer)});
     }
     if (net->layerSize > 0) table.print(stdout, 2);
     printf("total: %lld parameters (%s), %lld multiply-adds (%s)", static_cast<long long>(params),

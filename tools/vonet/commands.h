@@ -22,6 +22,7 @@ extern const Command kBenchCommand;
 extern const Command kExampleModelCommand;
 extern const Command kDetectCommand;
 extern const Command kImportCommand;
+extern const Command kQuantizeCommand;
 
 }  // namespace vo::cli
 

@@ -16,7 +16,7 @@ namespace {
 
 // Later commands are added here.
 const Command* const kCommands[] = {&kDetectCommand, &kImportCommand, &kInfoCommand, &kRunCommand,
-                                    &kBenchCommand, &kExampleModelCommand};
+                                    &kBenchCommand, &kQuantizeCommand, &kExampleModelCommand};
 
 const Command* find_command(const std::string& name) {
     for (const Command* c : kCommands)

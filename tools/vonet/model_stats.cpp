@@ -6,6 +6,8 @@
 #include <vonet/inner_product.h>
 #include <vonet/normalization.h>
 
+#include "vnet/conv_private.h"
+
 namespace vo::cli {
 namespace {
 
@@ -148,6 +150,15 @@ LayerStats layer_stats(const Layer* layer) {
         case LAYER_PIECE: return no_stats();
         default: return LayerStats();
     }
+}
+
+const char* layer_path(const Layer* layer, const ForwardParams* params) {
+    if (!layer || !layer->runParams) return "";
+    if (layer->type == LAYER_CONVOLUTION)
+        return vo::conv_path_name(static_cast<const Convolution*>(layer->runParams), params);
+    if (layer->type == LAYER_INNER_PRODUCT && static_cast<const InnerProduct*>(layer->runParams)->quantized)
+        return "int8";
+    return "";
 }
 
 }  // namespace vo::cli

@@ -25,6 +25,11 @@ struct LayerStats {
 // copy or apply a function per value count none.
 LayerStats layer_stats(const Layer* layer);
 
+// The forward path a layer runs on for the net's current shape:
+// convolutions "general", "direct-KxKsS", "winograd" or "int8";
+// inner products "int8" when quantised; empty for everything else.
+const char* layer_path(const Layer* layer, const ForwardParams* params);
+
 }  // namespace vo::cli
 
 #endif
