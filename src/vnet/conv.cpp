@@ -133,7 +133,7 @@ int choose_path(const Convolution* conv) {
     if (!vo::conv_direct_serves(conv) || w->width != w->height || conv->strideW != conv->strideH)
         return kConvPathGeneral;
     const int k = w->width, s = conv->strideW;
-    if (k == 1 && s == 1) return w->num < 8 ? kConvPathDirect : kConvPathGeneral;
+    if (k == 1 && s == 1) return w->num < vo::kDirectOneByOneMaxChannels ? kConvPathDirect : kConvPathGeneral;
     if ((k == 3 && (s == 1 || s == 2)) || (k == 2 && s == 1) || (k == 4 && s == 4)) return kConvPathDirect;
     return kConvPathGeneral;
 }
@@ -293,8 +293,7 @@ void reshape_conv_cudnn(Convolution*, Tensor**, int, Tensor**, int, ForwardParam
 void release_conv_cudnn(Convolution*) {}
 int forward_conv_gpu(Convolution*, Tensor**, int, Tensor**, int, ForwardParams*) { return 1; }
 
-// Fast paths are filled in by the units that build them (slots listed in
-// ConvTableSlot); until then every slot is null.
+// The fast paths by kernel size and stride (slots listed in ConvTableSlot).
 ConvForwardOp const convTableNorm[CONV_TABLE_SIZE] = {
     nullptr, nullptr, nullptr, nullptr, forward_conv_1x1s1, nullptr, nullptr, nullptr, nullptr, nullptr,
     nullptr, nullptr, forward_conv_3x3s1, forward_conv_3x3s2, nullptr, nullptr, nullptr, nullptr, nullptr,

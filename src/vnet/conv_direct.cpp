@@ -491,6 +491,9 @@ int forward_conv_1x1s1(Convolution* conv, Tensor** inputs, int inputCount, Tenso
     if (int status = fixed_geometry(__func__, conv, inputs, inputCount, outputs, outputCount, params, 1, 1, &g))
         return status;
     if (!ensure_packed(__func__, conv, conv1x1s1_transform_kernel)) return 5;
+    // Deep layers: one matrix product over the image, same rounding.
+    if (g.M >= vo::kDirectOneByOneMaxChannels)
+        return forward_conv_norm(conv, inputs, inputCount, outputs, outputCount, params);
     VO_CHECK(vo::reshape_tensor_checked(&params->columnBuffer, 1, g.C, g.Hp, g.Wp) == 0, return 5);
     Tensor* src = inputs[0];
     Tensor* bias = conv->hasBias ? conv->bias : nullptr;

@@ -19,6 +19,11 @@ struct VoConvPrivate {
 
 namespace vo {
 
+// Direct 1x1 stride-1 kernels pay off below this many output channels; from
+// there on the matrix product's tiles reuse each input value better (see
+// bench/conv_paths_bench.cpp).
+constexpr int32_t kDirectOneByOneMaxChannels = 8;
+
 // The direct kernels can run this layer's kernel size (any stride).
 bool conv_direct_serves(const Convolution* conv);
 // The direct path with the general path's rounding, for any layer that

@@ -263,6 +263,36 @@ TEST(VonetCli, ExampleModelInfoRunAndBench) {
     EXPECT_TRUE(contains(out[13], "all layers")) << out[13];
 }
 
+// Every instruction-set path gives the same outputs; a path that is unknown
+// (or that the CPU lacks) is refused with a notice and the best one runs.
+TEST(VonetCli, InstructionSetOverrideKeepsTheResults) {
+    TempDir dir;
+    const std::string model = dir.file("tiny.vo");
+    ASSERT_EQ(vonet(dir, {"example-model", model}).status, 0);
+    const std::vector<std::string> run = {"run", model, "--shape", "2x3x24x24", "--seed", "3", "--dump"};
+    auto run_with = [&](const char* isa) {
+        if (isa) setenv("VONET_ISA", isa, 1);
+        std::vector<std::string> args = run;
+        args.push_back(dir.file(std::string("dump-") + (isa ? isa : "default")));
+        Result r = vonet(dir, args);
+        unsetenv("VONET_ISA");
+        EXPECT_EQ(r.status, 0) << r.err;
+        return std::make_pair(r, vo_test::read_file(args.back() + "/prob.txt"));
+    };
+    const auto [best, bestDump] = run_with(nullptr);
+    EXPECT_EQ(best.err, "");
+    for (const char* isa : {"reference", "avx2", "avx512", "avx512vnni", "sse9"}) {
+        const auto [r, dump] = run_with(isa);
+        EXPECT_EQ(dump, bestDump) << isa;
+        const bool refused = contains(r.err, std::string("vonet: VONET_ISA=") + isa + " is not available on this CPU; using ");
+        if (std::string(isa) == "sse9") {
+            EXPECT_TRUE(refused) << r.err;
+        } else if (!refused) {
+            EXPECT_EQ(r.err, "") << isa;
+        }
+    }
+}
+
 TEST(VonetCli, InfoCountsDeconvolutionAndNormalisationLayers) {
     TempDir dir;
     const std::string model = dir.file("m.vo");
