@@ -17,7 +17,7 @@ namespace vo {
         ns::add_scalar, ns::abs, ns::set, ns::mul, ns::max, ns::add
 
 #define VO_INT8_TABLE(ns, gemm_ns) \
-    ns::quantize_input, ns::anti_quantize_output, gemm_ns::gemm_s8, &ns::kConv3x3S8
+    ns::quantize_input, ns::anti_quantize_output, gemm_ns::gemm_s8, &gemm_ns::kConv3x3S8
 
 const KernelTable kReferenceKernels = {kIsaReference, "reference", VO_VECTOR_TABLE(ref), ref::gemm,
                                        VO_INT8_TABLE(ref, ref)};

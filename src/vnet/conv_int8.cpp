@@ -4,6 +4,8 @@
 #include <vonet/kernels.h>
 
 #include "common/check.h"
+#include "kernels/conv_int8_direct.h"
+#include "kernels/isa.h"
 #include "vnet/conv_int8.h"
 #include "vnet/tensor_internal.h"
 
@@ -47,6 +49,23 @@ void dequantize_image(const Convolution* conv, const int32_t* sums, int64_t N, f
 
 int forward_conv_norm_quantized(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs,
                                 int outputCount, ForwardParams* params) {
+    vo::ConvShape shape;
+    if (int status = vo::check_int8_forward(conv, inputs, inputCount, outputs, outputCount, params, __func__, &shape))
+        return status;
+    // 3x3 layers of stride 1 or 2 run the direct kernels where the active
+    // path measures them faster than unfolding and multiplying (see
+    // bench/int8_bench.cpp); the sums are the same.
+    const Tensor* weights = conv->weights;
+    if (weights->width == 3 && weights->height == 3 && conv->strideW == conv->strideH &&
+        vo::kernels().conv3x3_s8->preferred(weights->channel, shape.outW)) {
+        if (conv->strideW == 1) return forward_conv_3x3s1_s8(conv, inputs, inputCount, outputs, outputCount, params);
+        if (conv->strideW == 2) return forward_conv_3x3s2_s8(conv, inputs, inputCount, outputs, outputCount, params);
+    }
+    return vo::forward_conv_unfolded_s8(conv, inputs, inputCount, outputs, outputCount, params);
+}
+
+int vo::forward_conv_unfolded_s8(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs,
+                                 int outputCount, ForwardParams* params) {
     vo::ConvShape shape;
     if (int status = vo::check_int8_forward(conv, inputs, inputCount, outputs, outputCount, params, __func__, &shape))
         return status;
