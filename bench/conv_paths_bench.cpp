@@ -101,6 +101,64 @@ void PathArgs(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_ConvPath)->Apply(PathArgs)->Unit(benchmark::kMicrosecond);
 
+// The detector's first stage scores batches of 128 windows: its layers per
+// batch on the general path, the per-image direct path and the batch path,
+// then small planes at several batch sizes for the choice's limits.
+struct BatchShape {
+    const char* name;
+    int M, C, k, s, p, H, W;
+};
+const BatchShape kBatchShapes[] = {
+    {"anet.conv1 12x12", 10, 1, 3, 1, 0, 12, 12}, {"anet.conv2 5x5", 16, 10, 3, 1, 0, 5, 5},
+    {"anet.conv3 3x3", 32, 16, 3, 1, 0, 3, 3},    {"anet.prob 1x1", 2, 32, 1, 1, 0, 1, 1},
+    {"3x3 16-16 4x4 (2x2)", 16, 16, 3, 1, 0, 4, 4}, {"3x3 16-16 5x6 (3x4)", 16, 16, 3, 1, 0, 5, 6},
+    {"3x3 16-16 6x6 (4x4)", 16, 16, 3, 1, 0, 6, 6},
+    {"3x3 16-16 7x7 (5x5)", 16, 16, 3, 1, 0, 7, 7}, {"3x3 16-16 8x8 (6x6)", 16, 16, 3, 1, 0, 8, 8},
+    {"3x3 28-48 11x11 (9x9)", 48, 28, 3, 1, 0, 11, 11},
+};
+
+const ConvForwardOp kBatchOps[] = {forward_conv_norm, vo::forward_conv_direct, vo::forward_conv_direct_batch};
+const char* const kBatchOpNames[] = {"general", "direct", "direct-batch"};
+
+void BM_ConvBatch(benchmark::State& state) {
+    const BatchShape& s = kBatchShapes[state.range(0)];
+    const int batch = int(state.range(1));
+    const int which = int(state.range(2));
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
+    Convolution* conv = create_convolution();
+    conv->weights = create_tensor(s.M, s.C, s.k, s.k);
+    for (int i = 0; i < conv->weights->capacity; ++i) conv->weights->data[i] = dist(rng);
+    conv->hasBias = 1;
+    conv->bias = create_tensor(1, s.M, 1, 1);
+    for (int i = 0; i < s.M; ++i) conv->bias->data[i] = dist(rng);
+    conv->strideW = conv->strideH = s.s;
+    conv->padW = conv->padH = s.p;
+    conv->is1x1 = s.k == 1 && s.s == 1 && s.p == 0;
+    Tensor* in = create_tensor(batch, s.C, s.H, s.W);
+    for (int i = 0; i < in->capacity; ++i) in->data[i] = dist(rng);
+    Tensor* out = create_tensor(1, 1, 1, 1);
+    ForwardParams* params = create_forward_params();
+    reshape_conv(conv, &in, 1, &out, 1, params);
+    const ConvForwardOp op = kBatchOps[which];
+    for (auto _ : state) {
+        op(conv, &in, 1, &out, 1, params);
+        benchmark::DoNotOptimize(out->data);
+        benchmark::ClobberMemory();
+    }
+    state.SetLabel(std::string(s.name) + " n" + std::to_string(batch) + " " + kBatchOpNames[which] + " " +
+                   vo::isa_name(vo::kernels().isa));
+    release_forward_params(&params);
+    release_tensor(&out);
+    release_tensor(&in);
+    release_conv(&conv);
+}
+
+BENCHMARK(BM_ConvBatch)
+    ->ArgNames({"shape", "batch", "path"})
+    ->ArgsProduct({{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 4, 8, 16, 128}, {0, 1, 2}})
+    ->Unit(benchmark::kMicrosecond);
+
 // A whole face network on its input size (det1 also on a detection image);
 // `choice` 0 runs every float convolution on the general path.
 void BM_FaceNet(benchmark::State& state) {

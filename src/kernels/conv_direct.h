@@ -45,14 +45,26 @@ struct DirectConv {
     int32_t Mblk;
 };
 
-// The grouped remainder: up to 8 pixels whose K input values are gathered
-// in `b` (b[k * 8 + lane]); lanes >= `lanes` are ignored. Rows o in
-// [o0, o1) are written to out[o * outStride + pixel[lane]]: rows below Mblk
-// with the product's grouped partial sums, the others as a plain chain.
+// `pixels` groups of one vector of output values per row. A lane is a pixel
+// of one image (the grouped remainder, 8 lanes) or one pixel of 8 or 16
+// images (the batch path). Input value k of lane l of group j is
+// b[j * bStep + koff[k] + l] (koff null: k * lanes of the vector, the K
+// values gathered). Row o of group j is written from
+// out[o * outStride + j * outStep]: with `dense` as the whole vector, else
+// lane l (below `lanes`, 8-lane vectors only) to pixel[l] from there. Rows
+// at or above Mblk are a plain chain; rows below Mblk use the product's
+// grouped partial sums when `grouped`, else the plain chain, and then add
+// +0.0.
 struct DirectTail {
     const float* b;
+    const int64_t* koff;
+    int32_t pixels;
+    int64_t bStep;
+    int64_t outStep;
+    bool dense;
     int32_t lanes;
     int64_t pixel[8];
+    bool grouped;
     int32_t K;
     const float* w;
     int32_t M;
@@ -74,6 +86,10 @@ inline const float* direct_weight(const float* w, int32_t M, int32_t MB, int32_t
 namespace avx2 {
 void direct_conv(const DirectConv& d);
 void direct_conv_tail(const DirectTail& t);
+// out[x * stride + l] = rows[l][x] for x < count: eight rows side by side.
+void interleave8(const float* const rows[8], int64_t count, float* out, int64_t stride);
+// The reverse for the first `lanes` rows: rows[l][x] = in[x * stride + l].
+void deinterleave8(const float* in, int64_t count, float* const rows[8], int32_t lanes, int64_t stride);
 // One output row of a 4x4 stride-4 kernel with its own rounding: per
 // column x, the 16 products of rows[r][4x + j] and k[4r + j] in row-major
 // order, the first two as fma(p00, k0, p01 * k1), then one fma per term;
@@ -83,10 +99,16 @@ void conv4x4s4_row(const float* const rows[4], int32_t outW, const float* k, flo
 
 namespace avx512 {
 void direct_conv(const DirectConv& d);
+// 16-lane vectors, `dense` only.
+void direct_conv_tail(const DirectTail& t);
 }  // namespace avx512
 
 // The widest path the active kernel table allows (identical results).
 void direct_conv(const DirectConv& d);
+
+// Images side by side on the batch path: 16 (avx512::direct_conv_tail)
+// where the active kernel table has AVX-512, else 8.
+int32_t direct_batch_lanes();
 
 }  // namespace vo
 

@@ -1,5 +1,6 @@
 // Direct convolution block kernels on AVX2 + FMA: tiles of 4 output rows x
-// 24 pixels (12 accumulators), and the grouped remainder pixels.
+// 24 pixels (12 accumulators), the grouped remainder pixels and the batch
+// path's 8-lane vectors, and the transposes that put images side by side.
 #include <immintrin.h>
 #include <stdint.h>
 #include <string.h>
@@ -8,7 +9,6 @@
 #include "kernels/conv_direct_micro.h"
 #include "kernels/isa.h"
 
-#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -22,6 +22,7 @@ struct V256 {
     static void storeu(float* p, R v) { _mm256_storeu_ps(p, v); }
     static R bcast(const float* p) { return _mm256_broadcast_ss(p); }
     static R fma(R a, R b, R c) { return _mm256_fmadd_ps(a, b, c); }
+    static R mul(R a, R b) { return _mm256_mul_ps(a, b); }
     static R add(R a, R b) { return _mm256_add_ps(a, b); }
     static Mask mask(int lanes) {
         return _mm256_cmpgt_epi32(_mm256_set1_epi32(lanes), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
@@ -40,48 +41,25 @@ struct V256 {
     }
 };
 
-// R rows of the remainder pixels side by side (their chains overlap).
-template <int R>
-void tail_rows(const vo::DirectTail& t, int32_t o0) {
-    const float* w[R];
-    int64_t ks[R];
-    const int32_t full = t.M / t.MB * t.MB;
-    for (int i = 0; i < R; ++i) {
-        w[i] = vo::direct_weight(t.w, t.M, t.MB, t.K, o0 + i);
-        ks[i] = (t.MB > 1 && o0 + i < full) ? t.MB : 1;
-    }
-    __m256 acc[R];
-    for (int i = 0; i < R; ++i) acc[i] = _mm256_setzero_ps();
-    // Rows of one call are either all below Mblk or all at or above it.
-    const bool grouped = o0 < t.Mblk;
-    int32_t k = 0;
-    if (grouped) {
-        for (; k + 4 <= t.K; k += 4) {
-            const __m256 b0 = _mm256_loadu_ps(t.b + (k + 0) * 8), b1 = _mm256_loadu_ps(t.b + (k + 1) * 8);
-            const __m256 b2 = _mm256_loadu_ps(t.b + (k + 2) * 8), b3 = _mm256_loadu_ps(t.b + (k + 3) * 8);
-            for (int i = 0; i < R; ++i) {
-                __m256 p = _mm256_mul_ps(b1, _mm256_broadcast_ss(w[i] + (k + 1) * ks[i]));
-                p = _mm256_fmadd_ps(b0, _mm256_broadcast_ss(w[i] + k * ks[i]), p);
-                p = _mm256_fmadd_ps(b2, _mm256_broadcast_ss(w[i] + (k + 2) * ks[i]), p);
-                p = _mm256_fmadd_ps(b3, _mm256_broadcast_ss(w[i] + (k + 3) * ks[i]), p);
-                acc[i] = _mm256_add_ps(acc[i], p);
-            }
-        }
-    }
-    for (; k < t.K; ++k) {
-        const __m256 bk = _mm256_loadu_ps(t.b + k * 8);
-        for (int i = 0; i < R; ++i) acc[i] = _mm256_fmadd_ps(bk, _mm256_broadcast_ss(w[i] + k * ks[i]), acc[i]);
-    }
-    for (int i = 0; i < R; ++i) {
-        const int32_t o = o0 + i;
-        __m256 v = acc[i];
-        if (grouped) v = _mm256_add_ps(_mm256_setzero_ps(), v);
-        if (t.bias) v = _mm256_add_ps(v, _mm256_set1_ps(t.bias[o]));
-        float lane[8];
-        _mm256_storeu_ps(lane, v);
-        float* out = t.out + o * t.outStride;
-        for (int l = 0; l < t.lanes; ++l) out[t.pixel[l]] = lane[l];
-    }
+// r[j][l] becomes r[l][j].
+inline void transpose8(__m256 r[8]) {
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    // u[j] holds columns j and j + 4, one per 128-bit half.
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xee);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xee);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xee);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xee);
+    r[0] = _mm256_permute2f128_ps(u0, u4, 0x20);
+    r[1] = _mm256_permute2f128_ps(u1, u5, 0x20);
+    r[2] = _mm256_permute2f128_ps(u2, u6, 0x20);
+    r[3] = _mm256_permute2f128_ps(u3, u7, 0x20);
+    r[4] = _mm256_permute2f128_ps(u0, u4, 0x31);
+    r[5] = _mm256_permute2f128_ps(u1, u5, 0x31);
+    r[6] = _mm256_permute2f128_ps(u2, u6, 0x31);
+    r[7] = _mm256_permute2f128_ps(u3, u7, 0x31);
 }
 
 }  // namespace
@@ -91,18 +69,36 @@ namespace avx2 {
 
 void direct_conv(const DirectConv& d) { direct_conv_with_tiles<V256, 4, 3>(d); }
 
-void direct_conv_tail(const DirectTail& t) {
-    for (int32_t o = t.o0; o < t.o1;) {
-        // Four rows at a time while they stay on one side of Mblk.
-        const int32_t edge = o < t.Mblk ? std::min(t.Mblk, t.o1) : t.o1;
-        if (o + 4 <= edge) {
-            tail_rows<4>(t, o);
-            o += 4;
-        } else {
-            tail_rows<1>(t, o);
-            o += 1;
-        }
+void direct_conv_tail(const DirectTail& t) { direct_conv_tail_with<V256>(t); }
+
+void interleave8(const float* const rows[8], int64_t count, float* out, int64_t stride) {
+    int64_t x = 0;
+    for (; x + 8 <= count; x += 8, out += 8 * stride) {
+        __m256 r[8];
+#pragma GCC unroll 8
+        for (int l = 0; l < 8; ++l) r[l] = _mm256_loadu_ps(rows[l] + x);
+        transpose8(r);
+#pragma GCC unroll 8
+        for (int j = 0; j < 8; ++j) _mm256_storeu_ps(out + stride * j, r[j]);
     }
+    for (; x < count; ++x, out += stride)
+        for (int l = 0; l < 8; ++l) out[l] = rows[l][x];
+}
+
+void deinterleave8(const float* in, int64_t count, float* const rows[8], int32_t lanes, int64_t stride) {
+    int64_t x = 0;
+    for (; x + 8 <= count; x += 8, in += 8 * stride) {
+        __m256 r[8];
+#pragma GCC unroll 8
+        for (int j = 0; j < 8; ++j) r[j] = _mm256_loadu_ps(in + stride * j);
+        transpose8(r);
+        // Constant indices keep r in registers.
+#pragma GCC unroll 8
+        for (int l = 0; l < 8; ++l)
+            if (l < lanes) _mm256_storeu_ps(rows[l] + x, r[l]);
+    }
+    for (; x < count; ++x, in += stride)
+        for (int l = 0; l < lanes; ++l) rows[l][x] = in[l];
 }
 
 void conv4x4s4_row(const float* const rows[4], int32_t outW, const float* k, float* out) {
@@ -141,6 +137,8 @@ void conv4x4s4_row(const float* const rows[4], int32_t outW, const float* k, flo
 }
 
 }  // namespace avx2
+
+int32_t direct_batch_lanes() { return kernels().isa >= kIsaAvx512 ? 16 : 8; }
 
 void direct_conv(const DirectConv& d) {
     // The 512-bit tiles read 16 consecutive pixels: planar input only.

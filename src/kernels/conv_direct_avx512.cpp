@@ -1,7 +1,8 @@
 // Direct convolution tiles on AVX-512F: 8 output rows x 48 pixels (24
-// accumulators). Only this file is compiled for AVX-512, and only reached
-// after the CPU check; the results equal the AVX2 tiles bit for bit (same
-// chain per pixel, only more pixels per instruction).
+// accumulators), and the batch path on 16 images side by side. Only this
+// file is compiled for AVX-512, and only reached after the CPU check; the
+// results equal the AVX2 kernels bit for bit (same chain per value, only
+// more values per instruction).
 #include <immintrin.h>
 #include <stdint.h>
 #include <string.h>
@@ -24,6 +25,7 @@ struct V512 {
     static void storeu(float* p, R v) { _mm512_storeu_ps(p, v); }
     static R bcast(const float* p) { return _mm512_set1_ps(*p); }
     static R fma(R a, R b, R c) { return _mm512_fmadd_ps(a, b, c); }
+    static R mul(R a, R b) { return _mm512_mul_ps(a, b); }
     static R add(R a, R b) { return _mm512_add_ps(a, b); }
     static Mask mask(int lanes) { return Mask(lanes >= 16 ? 0xffff : (1u << lanes) - 1u); }
     // Masked-off lanes are neither read nor written (no fault past a buffer).
@@ -45,6 +47,8 @@ namespace vo {
 namespace avx512 {
 
 void direct_conv(const DirectConv& d) { direct_conv_with_tiles<V512, 8, 3>(d); }
+
+void direct_conv_tail(const DirectTail& t) { direct_conv_tail_with<V512>(t); }
 
 }  // namespace avx512
 }  // namespace vo

@@ -1,5 +1,6 @@
-// The direct convolution tile, written once over a vector type V (see
-// conv_direct.h for the layout and the rounding). Included by one source
+// The direct convolution tile and the remainder / batch kernel, written
+// once over a vector type V (see conv_direct.h for the layouts and the
+// rounding). Included by one source
 // file per instruction set; everything here has internal linkage.
 #ifndef VONET_KERNELS_CONV_DIRECT_MICRO_H
 #define VONET_KERNELS_CONV_DIRECT_MICRO_H
@@ -167,6 +168,137 @@ void direct_conv_with_tiles(const vo::DirectConv& d) {
             }
             byRows[rows - 1](d, r, pb, pe);
             o += rows;
+        }
+    }
+}
+
+// R rows x J pixels (pixels j0 .. j0 + J - 1 of the call) side by side:
+// R * J independent chains. Packed: the R rows lie in one interleaved block
+// of the weights, so the R weights of one k are adjacent.
+template <class V, int R, int J, bool Packed>
+void tail_rows(const vo::DirectTail& t, int32_t o0, int32_t j0) {
+    typedef typename V::R Vec;
+    constexpr int W = V::W;
+    const float* w[R];
+    int64_t ks[R];
+    const int32_t full = t.M / t.MB * t.MB;
+#pragma GCC unroll 8
+    for (int i = 0; i < R; ++i) {
+        w[i] = vo::direct_weight(t.w, t.M, t.MB, t.K, o0 + i);
+        ks[i] = (t.MB > 1 && o0 + i < full) ? t.MB : 1;
+    }
+    const float* block = w[0];
+    const int64_t mb = t.MB;
+    auto weight = [&](int i, int32_t k) { return Packed ? block + k * mb + i : w[i] + k * ks[i]; };
+    const float* b[J];
+#pragma GCC unroll 8
+    for (int j = 0; j < J; ++j) b[j] = t.b + (j0 + j) * t.bStep;
+    // Loop-invariant copies (the compiler cannot tell that the stores below
+    // leave `t` alone).
+    const int64_t* const koff = t.koff;
+    const int32_t K = t.K;
+    auto at = [koff](int32_t k) { return koff ? koff[k] : int64_t(k) * W; };
+    Vec acc[R][J];
+#pragma GCC unroll 8
+    for (int i = 0; i < R; ++i)
+#pragma GCC unroll 8
+        for (int j = 0; j < J; ++j) acc[i][j] = V::zero();
+    // Rows of one call are either all below Mblk or all at or above it.
+    const bool blockRows = o0 < t.Mblk;
+    const bool grouped = blockRows && t.grouped;
+    int32_t k = 0;
+    if (grouped) {
+        for (; k + 4 <= K; k += 4) {
+            const int64_t k0 = at(k), k1 = at(k + 1), k2 = at(k + 2), k3 = at(k + 3);
+#pragma GCC unroll 8
+            for (int j = 0; j < J; ++j) {
+                const Vec b0 = V::loadu(b[j] + k0), b1 = V::loadu(b[j] + k1);
+                const Vec b2 = V::loadu(b[j] + k2), b3 = V::loadu(b[j] + k3);
+#pragma GCC unroll 8
+                for (int i = 0; i < R; ++i) {
+                    Vec p = V::mul(b1, V::bcast(weight(i, k + 1)));
+                    p = V::fma(b0, V::bcast(weight(i, k)), p);
+                    p = V::fma(b2, V::bcast(weight(i, k + 2)), p);
+                    p = V::fma(b3, V::bcast(weight(i, k + 3)), p);
+                    acc[i][j] = V::add(acc[i][j], p);
+                }
+            }
+        }
+    }
+    for (; k < K; ++k) {
+        const int64_t kk = at(k);
+        Vec x[J];
+#pragma GCC unroll 8
+        for (int j = 0; j < J; ++j) x[j] = V::loadu(b[j] + kk);
+#pragma GCC unroll 8
+        for (int i = 0; i < R; ++i) {
+            const Vec wk = V::bcast(weight(i, k));
+#pragma GCC unroll 8
+            for (int j = 0; j < J; ++j) acc[i][j] = V::fma(x[j], wk, acc[i][j]);
+        }
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < R; ++i) {
+        const int32_t o = o0 + i;
+#pragma GCC unroll 8
+        for (int j = 0; j < J; ++j) {
+            Vec v = acc[i][j];
+            if (blockRows) v = V::add(V::zero(), v);
+            if (t.bias) v = V::add(v, V::bcast(t.bias + o));
+            float* out = t.out + o * t.outStride + (j0 + j) * t.outStep;
+            if (t.dense) {
+                V::storeu(out, v);
+                continue;
+            }
+            float lane[W];
+            V::storeu(lane, v);
+            for (int l = 0; l < t.lanes; ++l) out[t.pixel[l]] = lane[l];
+        }
+    }
+}
+
+// Rows [o, o + R) for every pixel of the call: plain chains three pixels at
+// a time with four rows (12 accumulators) or eight with one row, else one
+// pixel at a time.
+template <class V, int R, bool Packed>
+void tail_pixels(const vo::DirectTail& t, int32_t o) {
+    const int32_t pixels = t.pixels;
+    int32_t j = 0;
+    if (!(o < t.Mblk && t.grouped)) {
+        if (R == 4)
+            for (; j + 3 <= pixels; j += 3) tail_rows<V, 4, 3, Packed>(t, o, j);
+        if (R == 1)
+            for (; j + 8 <= pixels; j += 8) tail_rows<V, 1, 8, Packed>(t, o, j);
+    }
+    for (; j < pixels; ++j) tail_rows<V, R, 1, Packed>(t, o, j);
+}
+
+template <class V>
+void direct_conv_tail_with(const vo::DirectTail& t) {
+    const int32_t full = t.M / t.MB * t.MB;
+    for (int32_t o = t.o0; o < t.o1;) {
+        // Rows at a time while they stay on one side of Mblk: eight for
+        // one pixel (eight chains keep both FMA ports busy), four for runs
+        // of plain pixels.
+        const int32_t edge = o < t.Mblk ? tile_min(t.Mblk, t.o1) : t.o1;
+        const bool plainRun = t.pixels >= 3 && !(o < t.Mblk && t.grouped);
+        // Rows [o, o + r) within one interleaved block of the weights.
+        auto packed = [&](int32_t r) { return t.MB >= r && o + r <= full && o / t.MB == (o + r - 1) / t.MB; };
+        if (o + 8 <= edge && !plainRun) {
+            if (packed(8))
+                tail_pixels<V, 8, true>(t, o);
+            else
+                tail_pixels<V, 8, false>(t, o);
+            o += 8;
+        } else if (o + 4 <= edge) {
+            if (packed(4))
+                tail_pixels<V, 4, true>(t, o);
+            else
+                tail_pixels<V, 4, false>(t, o);
+            o += 4;
+        } else {
+            tail_pixels<V, 1, false>(t, o);
+            o += 1;
         }
     }
 }

@@ -127,9 +127,13 @@ bool is_3x3s1(const Convolution* conv) {
 // figures of bench/conv_paths_bench.cpp (AVX2 and AVX-512 alike): the
 // direct kernels win on 3x3 stride 1 and 2, 2x2 stride 1 and 4x4 stride 4
 // at every measured size; on 1x1 only with few output channels (about
-// even at 8, the product reuses a deep input better from 16 on).
-int choose_path(const Convolution* conv) {
+// even at 8, the product reuses a deep input better from 16 on). Batches of
+// small output planes go across the images instead (any kernel size).
+int choose_path(const Convolution* conv, int32_t images, int64_t pixels) {
     const Tensor* w = conv->weights;
+    if (w && ((images >= vo::kDirectBatchMinImages && pixels <= vo::kDirectBatchMaxPixels) ||
+              (images >= vo::kDirectBatchManyImages && pixels <= vo::kDirectBatchManyMaxPixels)))
+        return kConvPathDirectBatch;
     if (!vo::conv_direct_serves(conv) || w->width != w->height || conv->strideW != conv->strideH)
         return kConvPathGeneral;
     const int k = w->width, s = conv->strideW;
@@ -138,12 +142,14 @@ int choose_path(const Convolution* conv) {
     return kConvPathGeneral;
 }
 
-void record_path(Convolution* conv) {
+void record_path(Convolution* conv, int32_t images, int64_t pixels) {
     if (!conv->internal) conv->internal = new (std::nothrow) VoConvPrivate{};
     VoConvPrivate* p = conv->internal;
     if (!p) return;  // no memory for the choice: the general path stays
-    p->path = choose_path(conv);
-    if (p->path == kConvPathDirect)
+    p->path = choose_path(conv, images, pixels);
+    if (p->path == kConvPathDirectBatch)
+        snprintf(p->name, sizeof(p->name), "direct-batch");
+    else if (p->path == kConvPathDirect)
         snprintf(p->name, sizeof(p->name), "direct-%dx%ds%d", conv->weights->height, conv->weights->width,
                  conv->strideH);
     else
@@ -196,7 +202,7 @@ int reshape_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** ou
         vo::reshape_tensor_checked(&params->outputBuffer, 1, M, shape.outH, shape.outW) ||
         vo::reshape_tensor_checked(&outputs[0], src->num, M, shape.outH, shape.outW))
         return 5;
-    record_path(conv);
+    record_path(conv, src->num, shape.N);
     return 0;
 }
 
@@ -253,6 +259,8 @@ int forward_conv(Convolution* conv, Tensor** inputs, int inputCount, Tensor** ou
         return forward_conv_3x3s1_winograd(conv, inputs, inputCount, outputs, outputCount, params);
     if (conv->internal && conv->internal->path == kConvPathDirect && !general_path_forced())
         return vo::forward_conv_direct(conv, inputs, inputCount, outputs, outputCount, params);
+    if (conv->internal && conv->internal->path == kConvPathDirectBatch && !general_path_forced())
+        return vo::forward_conv_direct_batch(conv, inputs, inputCount, outputs, outputCount, params);
     return forward_conv_norm(conv, inputs, inputCount, outputs, outputCount, params);
 }
 

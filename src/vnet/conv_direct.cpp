@@ -177,7 +177,13 @@ void direct_image(const Geometry& g, const float* padded, const float* w, int32_
             }
     }
     t.b = gather;
+    t.koff = nullptr;
+    t.pixels = 1;
+    t.bStep = 0;
+    t.outStep = 0;
+    t.dense = false;
     t.lanes = lanes;
+    t.grouped = true;
     t.K = K;
     t.w = w;
     t.M = g.M;
@@ -339,7 +345,13 @@ void conv_1x1s1_packed(Tensor* packedData, Tensor* packedKernel, Tensor* bias, f
     vo::DirectTail t;
     for (int32_t i = 0; i < lanes; ++i) t.pixel[i] = S8 + i;
     t.b = gather;
+    t.koff = nullptr;
+    t.pixels = 1;
+    t.bStep = 0;
+    t.outStep = 0;
+    t.dense = false;
     t.lanes = lanes;
+    t.grouped = true;
     t.K = int32_t(C);
     t.w = packedKernel->data;
     t.M = outC;
@@ -568,6 +580,109 @@ int forward_conv_direct(Convolution* conv, Tensor** inputs, int inputCount, Tens
         }
         direct_image(g, image, conv->weights->data, 1, bias, outputs[0]->data + n * outStep, scratch + padFloats,
                      scratch + padFloats + splitFloats);
+    }
+    return 0;
+}
+
+// Images side by side (8, or 16 with AVX-512): lane l of every vector
+// belongs to image n0 + l, so all lanes of one output value share
+// (o, pixel) and with it the general path's rounding class, whatever the
+// size of the output plane.
+int forward_conv_direct_batch(Convolution* conv, Tensor** inputs, int inputCount, Tensor** outputs,
+                              int outputCount, ForwardParams* params) {
+    Geometry g;
+    if (int status = layer_geometry(__func__, conv, inputs, inputCount, outputs, outputCount, params, &g))
+        return status;
+    Tensor* src = inputs[0];
+    const int32_t L = vo::direct_batch_lanes();
+    const int64_t H = src->height, W = src->width, inStep = int64_t(g.C) * H * W;
+    const int64_t N = int64_t(g.outH) * g.outW, outStep = int64_t(g.M) * N;
+    const int64_t chanStride = int64_t(g.Hp) * g.Wp, K = int64_t(g.C) * g.kH * g.kW;
+    // padBuffer: [offset of input value k from a pixel's first one, 2 floats
+    // each | L interleaved padded images, x[(c, y, x) * L + lane] | the
+    // weights in blocks of 8 rows (packed on every pass: cheap, and never
+    // stale) | the L images' outputs, interleaved like the input].
+    const int64_t imageFloats = int64_t(g.C) * chanStride * L;
+    const int64_t total = 2 * K + imageFloats + K * g.M + outStep * L;
+    VO_CHECK(total <= INT32_MAX && vo::reshape_tensor_checked(&params->padBuffer, 1, 1, 1, total) == 0, return 5);
+    // Tensor buffers come from calloc: aligned for any type.
+    int64_t* koff = reinterpret_cast<int64_t*>(params->padBuffer->data);
+    float* images = params->padBuffer->data + 2 * K;
+    float* packed = images + imageFloats;
+    float* result = packed + K * g.M;
+    {
+        int64_t* to = koff;
+        for (int32_t c = 0; c < g.C; ++c)
+            for (int32_t ky = 0; ky < g.kH; ++ky)
+                for (int32_t kx = 0; kx < g.kW; ++kx) *to++ = ((c * g.Hp + ky) * int64_t(g.Wp) + kx) * L;
+        const float* w = conv->weights->data;
+        const int32_t full = g.M / 8 * 8;
+        float* out = packed;
+        for (int32_t b = 0; b < full; b += 8)
+            for (int64_t k = 0; k < K; ++k)
+                for (int32_t j = 0; j < 8; ++j) *out++ = w[(b + j) * K + k];
+        memcpy(out, w + full * K, size_t((g.M - full) * K) * sizeof(float));
+    }
+    const bool padded = conv->padW != 0 || conv->padH != 0;
+    vo::DirectTail t;
+    t.koff = koff;
+    t.bStep = int64_t(g.sW) * L;
+    t.outStep = L;
+    t.dense = true;
+    t.lanes = L;
+    t.K = int32_t(K);
+    t.w = packed;
+    t.M = g.M;
+    t.MB = 8;
+    t.o0 = 0;
+    t.o1 = g.M;
+    t.outStride = N * L;
+    t.bias = conv->hasBias ? conv->bias->data : nullptr;
+    t.Mblk = g.M / 4 * 4;
+    // The general path's grouped class: the last N mod 8 pixels.
+    const int64_t groupedFrom = N - N % 8;
+    for (int64_t n0 = 0; n0 < src->num; n0 += L) {
+        const int32_t lanes = int32_t(src->num - n0 < L ? src->num - n0 : L);
+        // The lanes of absent images repeat the first image; they are
+        // computed and dropped.
+        const float* image[16];
+        for (int32_t l = 0; l < L; ++l) image[l] = src->data + (n0 + (l < lanes ? l : 0)) * inStep;
+        if (padded) memset(images, 0, size_t(imageFloats) * sizeof(float));
+        for (int32_t h = 0; h < L; h += 8) {
+            if (!padded) {
+                vo::avx2::interleave8(image + h, inStep, images + h, L);
+                continue;
+            }
+            for (int32_t c = 0; c < g.C; ++c)
+                for (int64_t y = 0; y < H; ++y) {
+                    const float* rows[8];
+                    for (int32_t l = 0; l < 8; ++l) rows[l] = image[h + l] + (c * H + y) * W;
+                    vo::avx2::interleave8(rows, W, images + ((c * g.Hp + y + conv->padH) * g.Wp + conv->padW) * L + h,
+                                          L);
+                }
+        }
+        // Each output row in runs of one rounding class.
+        for (int64_t py = 0; py < g.outH; ++py) {
+            const int64_t rowBegin = py * g.outW, rowEnd = rowBegin + g.outW;
+            for (int64_t p = rowBegin; p < rowEnd;) {
+                const int64_t end = p < groupedFrom && groupedFrom < rowEnd ? groupedFrom : rowEnd;
+                t.b = images + (py * g.sH * g.Wp + (p - rowBegin) * g.sW) * L;
+                t.pixels = int32_t(end - p);
+                t.grouped = p >= groupedFrom;
+                t.out = result + p * L;
+                if (L == 16)
+                    vo::avx512::direct_conv_tail(t);
+                else
+                    vo::avx2::direct_conv_tail(t);
+                p = end;
+            }
+        }
+        for (int32_t h = 0; h < lanes; h += 8) {
+            const int32_t count = lanes - h < 8 ? lanes - h : 8;
+            float* to[8];
+            for (int32_t l = 0; l < 8; ++l) to[l] = outputs[0]->data + (n0 + h + (l < count ? l : 0)) * outStep;
+            vo::avx2::deinterleave8(result + h, outStep, to, count, L);
+        }
     }
     return 0;
 }

@@ -124,6 +124,17 @@ inline __m256 deinterleave(const float* p) {
     return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(s), _MM_SHUFFLE(3, 1, 2, 0)));
 }
 
+// The same from the first `count` (at most 16) floats at p only: the other
+// lanes are zero and nothing past p + count is read.
+template <bool Odd>
+inline __m256 deinterleave_first(const float* p, int64_t count) {
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    __m256 a = _mm256_maskload_ps(p, _mm256_cmpgt_epi32(_mm256_set1_epi32(int(count)), lane));
+    __m256 b = _mm256_maskload_ps(p + 8, _mm256_cmpgt_epi32(_mm256_set1_epi32(int(count) - 8), lane));
+    __m256 s = Odd ? _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)) : _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+    return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(s), _MM_SHUFFLE(3, 1, 2, 0)));
+}
+
 // One output row of K x K stride-2 maxima whose window rows start at padded
 // row `top`; `outW` windows are written to `out`. Windows inside the input
 // run eight at a time; vmaxps(v, m) is "v if v > m, else m", the scalar
@@ -142,9 +153,30 @@ void pool_kxks2_max_row(const PaddedPlane& plane, int64_t top, float* out, int64
     // The vector step reads 16 columns (and the 3x3 one 16 more from 2
     // further on) from the window start.
     constexpr int64_t kSpan = K == 2 ? 16 : 18;
+    // Windows up to this one lie inside the input (-1: none); short runs of
+    // them (narrow planes, row ends) take masked loads.
+    const int64_t lastInside = plane.colEnd >= K ? (plane.colEnd - K) / 2 : -1;
     int64_t ox = 0;
     while (ox < outW) {
         const int64_t x0 = 2 * ox;
+        const int64_t run = std::min<int64_t>(std::min<int64_t>(lastInside, outW - 1) - ox + 1, 8);
+        if (ox >= firstInside && run >= 1 && (run < 8 || x0 + kSpan > plane.colEnd)) {
+            const float* p = plane.data + (rows.begin - plane.rowBegin) * plane.stride + (x0 - plane.colBegin);
+            __m256 m = deinterleave_first<false>(p, 2 * run);
+            m = _mm256_max_ps(deinterleave_first<true>(p, 2 * run), m);
+            if (K == 3) m = _mm256_max_ps(deinterleave_first<false>(p + 2, 2 * run - 1), m);
+            for (int64_t y = rows.begin + 1; y < rows.end; ++y) {
+                p += plane.stride;
+                m = _mm256_max_ps(deinterleave_first<false>(p, 2 * run), m);
+                m = _mm256_max_ps(deinterleave_first<true>(p, 2 * run), m);
+                if (K == 3) m = _mm256_max_ps(deinterleave_first<false>(p + 2, 2 * run - 1), m);
+            }
+            _mm256_maskstore_ps(out + ox, _mm256_cmpgt_epi32(_mm256_set1_epi32(int(run)),
+                                                             _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)),
+                                m);
+            ox += run;
+            continue;
+        }
         if (ox >= firstInside && ox + 8 <= outW && x0 + kSpan <= plane.colEnd) {
             const float* p = plane.data + (rows.begin - plane.rowBegin) * plane.stride + (x0 - plane.colBegin);
             __m256 m = deinterleave<false>(p);
@@ -183,10 +215,57 @@ bool has_max_row_kernel(const Pooling* pool) {
            pool->strideH == 2;
 }
 
+// Planes at most 8 windows wide whose windows all lie inside the input:
+// every output row takes one masked vector per tap column, the same
+// comparisons in the same order as pool_kxks2_max_row, without clipping.
+template <int K>
+void max_narrow_planes_s2(const Tensor* in, Tensor* out) {
+    const int64_t W = in->width, inPlane = int64_t(in->height) * W;
+    const int64_t outW = out->width, outH = out->height;
+    const int64_t planes = int64_t(in->num) * in->channel;
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    auto first = [&](int64_t count) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(int(count)), lane); };
+    // Lanes of the even / odd columns from the first 2 outW floats of a row,
+    // and of the even ones from 2 further on (3x3 only, 2 outW - 1 floats).
+    const __m256i lo = first(2 * outW), hi = first(2 * outW - 8);
+    const __m256i lo2 = first(2 * outW - 1), hi2 = first(2 * outW - 9), store = first(outW);
+    auto split = [](__m256 a, __m256 b, bool odd) {
+        __m256 s = odd ? _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)) : _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+        return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(s), _MM_SHUFFLE(3, 1, 2, 0)));
+    };
+    float* dst = out->data;
+    for (int64_t p = 0; p < planes; ++p) {
+        const float* src = in->data + p * inPlane;
+        for (int64_t oy = 0; oy < outH; ++oy, dst += outW) {
+            const float* row = src + 2 * oy * W;
+            __m256 m = _mm256_setzero_ps();
+            for (int y = 0; y < K; ++y, row += W) {
+                const __m256 a = _mm256_maskload_ps(row, lo), b = _mm256_maskload_ps(row + 8, hi);
+                const __m256 even = split(a, b, false);
+                m = y == 0 ? even : _mm256_max_ps(even, m);
+                m = _mm256_max_ps(split(a, b, true), m);
+                if (K == 3)
+                    m = _mm256_max_ps(split(_mm256_maskload_ps(row + 2, lo2), _mm256_maskload_ps(row + 10, hi2), false),
+                                      m);
+            }
+            _mm256_maskstore_ps(dst, store, m);
+        }
+    }
+}
+
 void max_rows_s2(const Pooling* pool, const Tensor* in, Tensor* out) {
     const int64_t inPlane = int64_t(in->height) * in->width;
     const int64_t outPlane = int64_t(out->height) * out->width;
     const int64_t planes = int64_t(in->num) * in->channel;
+    const int K = pool->kernelW;
+    if (pool->padW == 0 && pool->padH == 0 && out->width <= 8 && 2 * (int64_t(out->width) - 1) + K <= in->width &&
+        2 * (int64_t(out->height) - 1) + K <= in->height) {
+        if (K == 2)
+            max_narrow_planes_s2<2>(in, out);
+        else
+            max_narrow_planes_s2<3>(in, out);
+        return;
+    }
     for (int64_t p = 0; p < planes; ++p) {
         PaddedPlane plane{in->data + p * inPlane, in->width, pool->padH, int64_t(pool->padH) + in->height,
                           pool->padW, int64_t(pool->padW) + in->width};

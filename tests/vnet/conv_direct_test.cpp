@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "kernels/conv_direct.h"
 #include "test_util.h"
 #include "vnet/conv_private.h"
 #include "vnet/layer_reference.h"
@@ -285,6 +286,133 @@ TEST(ConvDirect, SlotsAndRefusals) {
     EXPECT_EQ(forward_conv_1x1s1(conv.get(), &in, 1, &out, 1, params.get()), 5);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("vnet/conv_stable: forward_conv_3x3s1: check failed"),
               std::string::npos);
+}
+
+// ---- Across the batch --------------------------------------------------------
+
+TEST(ConvDirect, InterleaveEightRowsSideBySideAndBack) {
+    std::mt19937 rng(8);
+    for (int stride : {8, 16})
+        for (int count = 0; count <= 27; ++count) {
+            vo_test::Buffer<float> src(size_t(8) * count + 1);
+            for (size_t i = 0; i < src.size(); ++i) src.data()[i] = float(rng() % 1000);
+            const float* rows[8];
+            for (int l = 0; l < 8; ++l) rows[l] = src.data() + 1 + ((l * 3) % 8) * count;  // any order, unaligned
+            std::vector<float> want(size_t(stride) * count, -1.0f);
+            for (int x = 0; x < count; ++x)
+                for (int l = 0; l < 8; ++l) want[size_t(x) * stride + l] = rows[l][x];
+            vo_test::Buffer<float> out(want.size(), -1.0f);
+            vo::avx2::interleave8(rows, count, out.data(), stride);
+            EXPECT_TRUE(vo_test::same_bits(out.data(), want.data(), want.size())) << count;
+            // Back into the first `lanes` of eight rows; the others untouched.
+            const int lanes = 1 + count % 8;
+            std::vector<vo_test::Buffer<float>> back;
+            for (int l = 0; l < 8; ++l) back.emplace_back(size_t(count), 7.0f);
+            float* to[8];
+            for (int l = 0; l < 8; ++l) to[l] = back[size_t(l)].data();
+            vo::avx2::deinterleave8(out.data(), count, to, lanes, stride);
+            for (int l = 0; l < 8; ++l)
+                for (int x = 0; x < count; ++x) EXPECT_EQ(to[l][x], l < lanes ? rows[l][x] : 7.0f) << count;
+        }
+}
+
+// Output planes 1x1 to 5x5 (both sides of 8 pixels) and rows up to 12
+// wide, kernels 1 to 5, strides 1 and 2, paddings 0 to 2, batches 1 to 40
+// (partial groups of 8 and 16 images), channel counts off the blocks of 4,
+// every kind of bias, special values now and then.
+TEST(ConvDirect, BatchPathMatchesTheGeneralPathBitForBit) {
+    std::mt19937 rng(9);
+    std::unique_ptr<ForwardParams, ParamsDeleter> params(create_forward_params());
+    for (int round = 0; round < 160; ++round) {
+        const int k = 1 + int(rng() % 5), s = 1 + int(rng() % 2), p = int(rng() % 3);
+        const int outH = 1 + int(rng() % 5), outW = 1 + int(rng() % (round % 2 ? 5 : 12));
+        // The smallest input of that output size (plus what the stride drops).
+        const int H = (outH - 1) * s + k - 2 * p + int(rng() % s), W = (outW - 1) * s + k - 2 * p + int(rng() % s);
+        if (H < 1 || W < 1) continue;
+        const int M = 1 + int(rng() % 21), C = 1 + int(rng() % 7), n = 1 + int(rng() % 40);
+        const bool specials = round % 7 == 6;
+        const Layer l = random_layer(rng, M, C, k, s, p, BiasKind(round % 4), specials);
+        SCOPED_TRACE(testing::Message() << "k" << k << "s" << s << "p" << p << " M " << M << " C " << C << " n " << n
+                                        << " " << H << "x" << W << " bias " << l.bias);
+        ConvPtr conv = make_conv(l);
+        const vo_ref::Blob in = vo_ref::blob(n, C, H, W, random_floats(rng, size_t(n) * C * H * W, specials));
+        TensorPtr src = tensor_of(n, C, H, W, in.v);
+        const vo_ref::Blob want = vo_ref::conv(in, l.w, M, k, k, s, s, p, p, l.b);
+        ASSERT_EQ(want.h * want.w, outH * outW);
+        ASSERT_TRUE(same(run(forward_conv_norm, conv.get(), src.get(), params.get()), want.v));
+        for_each_isa([&] {
+            EXPECT_TRUE(same(run(vo::forward_conv_direct_batch, conv.get(), src.get(), params.get()), want.v));
+        });
+    }
+}
+
+// Underflowing products on both classes of pixels (9 pixels: the last one
+// grouped) and rows on both sides of the 4-row blocks, over a batch whose
+// last group of images is partial.
+TEST(ConvDirect, BatchPathKeepsSignedZerosOfEachClass) {
+    std::unique_ptr<ForwardParams, ParamsDeleter> params(create_forward_params());
+    for (BiasKind bias : {kNoBias, kZeroBias, kNegativeZeroBias})
+        for (int H : {3, 5}) {
+            Layer l{6, 5, 3, 1, 0, bias, std::vector<float>(size_t(6) * 5 * 9, -1e-30f), {}};
+            if (bias != kNoBias) l.b.assign(6, bias == kZeroBias ? 0.0f : -0.0f);
+            ConvPtr conv = make_conv(l);
+            const vo_ref::Blob in = vo_ref::blob(11, 5, H, H, std::vector<float>(size_t(11) * 5 * H * H, 1e-30f));
+            TensorPtr src = tensor_of(11, 5, H, H, in.v);
+            const vo_ref::Blob want = vo_ref::conv(in, l.w, 6, 3, 3, 1, 1, 0, 0, l.b);
+            for_each_isa([&] {
+                EXPECT_TRUE(same(run(vo::forward_conv_direct_batch, conv.get(), src.get(), params.get()), want.v));
+            });
+        }
+}
+
+// The choice by batch and plane size; the first cascade stage of the face
+// detector gives the same bits with and without it, the pass repeated
+// without new working memory.
+TEST(ConvDirect, BatchPathChosenForBatchesOfSmallPlanes) {
+    std::mt19937 rng(10);
+    std::unique_ptr<ForwardParams, ParamsDeleter> params(create_forward_params());
+    ConvPtr conv = make_conv(random_layer(rng, 8, 4, 3, 1, 0, kRandomBias, false));
+    struct Choice {
+        int n, side;
+        const char* path;
+    };
+    const int few = vo::kDirectBatchMinImages, many = vo::kDirectBatchManyImages;
+    const Choice choices[] = {{few, 5, "direct-batch"},          {few - 1, 5, "direct-3x3s1"},
+                              {few, 6, "direct-3x3s1"},          {many, 12, "direct-batch"},
+                              {many - 1, 12, "direct-3x3s1"},    {many, 13, "direct-3x3s1"}};
+    for (const Choice& c : choices) {
+        TensorPtr src = tensor_of(c.n, 4, c.side, c.side), dst = tensor_of(1, 1, 1, 1);
+        Tensor* in = src.get();
+        Tensor* out = dst.get();
+        ASSERT_EQ(reshape_conv(conv.get(), &in, 1, &out, 1, params.get()), 0);
+        EXPECT_STREQ(vo::conv_path_name(conv.get()), c.path) << c.n << " " << c.side;
+    }
+
+    Net* net = nullptr;
+    ASSERT_EQ(vo_load_net((std::string(VONET_TEST_DATA_DIR) + "/../../models/object_face_anet.dat").c_str(), &net), 0);
+    vo_test::NetPtr owner(net);
+    for (int n : {128, 13}) {
+        std::vector<float> input = random_floats(rng, size_t(n) * 12 * 12);
+        for (float& v : input) v = std::fabs(v);
+        auto outputs = [&] {
+            EXPECT_EQ(vo_forward_net(net, input.data(), n, 1, 12, 12), 0);
+            return values(vo_output_by_name(net, "prob"));
+        };
+        const bool previous = vo::set_conv_general_for_testing(true);
+        const std::vector<float> general = outputs();
+        vo::set_conv_general_for_testing(false);
+        for_each_isa([&] { EXPECT_TRUE(same(outputs(), general)) << n; });
+        int batch = 0;
+        for (uint32_t i = 0; i < net->layerSize; ++i)
+            if (net->layers[i]->type == LAYER_CONVOLUTION)
+                batch += strcmp(vo::conv_path_name(static_cast<const Convolution*>(net->layers[i]->runParams)),
+                                "direct-batch") == 0;
+        EXPECT_GE(batch, 2) << n;
+        const float* scratch = net->forwardParams->padBuffer->data;
+        outputs();
+        EXPECT_EQ(net->forwardParams->padBuffer->data, scratch);
+        vo::set_conv_general_for_testing(previous);
+    }
 }
 
 // ---- Padding and the debug dump ---------------------------------------------

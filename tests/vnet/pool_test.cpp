@@ -130,4 +130,36 @@ TEST(Pool, StableRowKernelsMatchPoolMax) {
     release_forward_params(&params);
 }
 
+// Many small planes whose windows all lie inside (the detector's first
+// stage pools 10 x 10 planes): NaN, infinities and signed zeros as in
+// pool_max, both kernels, every width up to 8 windows and past it.
+TEST(Pool, NarrowPlanesMatchTheReference) {
+    std::mt19937 rng(12);
+    ForwardParams* params = create_forward_params();
+    for (int k = 2; k <= 3; ++k)
+        for (int W = k; W <= 19; ++W) {
+            const int H = k + int(rng() % 12), N = 1 + int(rng() % 3), C = 1 + int(rng() % 5);
+            Pooling p{0, k, k, 0, 0, 2, 2, 0};
+            const int outW = vo_ref::pool_size(W, k, 2, 0, false), outH = vo_ref::pool_size(H, k, 2, 0, false);
+            const size_t inCount = size_t(N) * C * H * W, outCount = size_t(N) * C * outH * outW;
+            const auto values = vo_test::random_floats(rng, inCount, true);
+            vo_test::Buffer<float> inBuf(inCount), outBuf(outCount, 7.0f);
+            std::copy(values.begin(), values.end(), inBuf.data());
+            Tensor in{}, out{};
+            in.data = inBuf.data();
+            in.num = N, in.channel = C, in.height = H, in.width = W;
+            in.capacity = in.allocCount = int32_t(inCount);
+            out = in;
+            out.data = outBuf.data();
+            out.height = outH, out.width = outW;
+            out.capacity = out.allocCount = int32_t(outCount);
+            Tensor* inPtr = &in;
+            Tensor* outPtr = &out;
+            ASSERT_EQ(forward_pooling(&p, &inPtr, 1, &outPtr, 1, params), 0);
+            const vo_ref::Blob want = vo_ref::pool(vo_ref::blob(N, C, H, W, values), 0, k, k, 0, 0, 2, 2);
+            EXPECT_TRUE(same_bits(out.data, want.v.data(), outCount)) << "k " << k << " in " << H << "x" << W;
+        }
+    release_forward_params(&params);
+}
+
 }  // namespace
