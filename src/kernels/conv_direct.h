@@ -57,14 +57,16 @@ struct DirectConv {
 // +0.0.
 struct DirectTail {
     const float* b;
-    const int64_t* koff;
-    int32_t pixels;
-    int64_t bStep;
-    int64_t outStep;
-    bool dense;
+    // The defaults describe one call for one group of gathered pixels with
+    // the grouped partial sums (the per-image remainder).
+    const int64_t* koff = nullptr;
+    int32_t pixels = 1;
+    int64_t bStep = 0;
+    int64_t outStep = 0;
+    bool dense = false;
     int32_t lanes;
     int64_t pixel[8];
-    bool grouped;
+    bool grouped = true;
     int32_t K;
     const float* w;
     int32_t M;

@@ -177,13 +177,7 @@ void direct_image(const Geometry& g, const float* padded, const float* w, int32_
             }
     }
     t.b = gather;
-    t.koff = nullptr;
-    t.pixels = 1;
-    t.bStep = 0;
-    t.outStep = 0;
-    t.dense = false;
     t.lanes = lanes;
-    t.grouped = true;
     t.K = K;
     t.w = w;
     t.M = g.M;
@@ -345,13 +339,7 @@ void conv_1x1s1_packed(Tensor* packedData, Tensor* packedKernel, Tensor* bias, f
     vo::DirectTail t;
     for (int32_t i = 0; i < lanes; ++i) t.pixel[i] = S8 + i;
     t.b = gather;
-    t.koff = nullptr;
-    t.pixels = 1;
-    t.bStep = 0;
-    t.outStep = 0;
-    t.dense = false;
     t.lanes = lanes;
-    t.grouped = true;
     t.K = int32_t(C);
     t.w = packedKernel->data;
     t.M = outC;
