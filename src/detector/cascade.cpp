@@ -92,20 +92,29 @@ int predict_patches(Cascade* cascade, float* patches, int num, ObjectInfof* objs
     if (num < 1) return 0;
     vo::StageClock clock;
     predict_patches(cascade->anet, patches, objs, num);
-    int kept = vo::compact_by_label(objs, patches, num, patchSize);
+    const int kept = vo::compact_by_label(objs, patches, num, patchSize);
     clock.lap(&vo::DetectStageTimes::anet);
     clock.count(&vo::DetectStageTimes::afterAnet, kept);
+    return vo::second_stage(cascade, patches, objs, kept);
+}
+
+namespace vo {
+
+int second_stage(Cascade* cascade, float* patches, ObjectInfof* objs, int kept) {
+    StageClock clock;
     // The second stage reads the first stage's patches as they are, so it
     // runs only when its input has the same size.
     Classifier* bnet = cascade->bnet;
-    if (bnet && vo::patch_floats(bnet) == patchSize) {
+    if (bnet && patch_floats(bnet) == patch_floats(cascade->anet)) {
         predict_regress_patches(bnet, patches, objs, kept);
-        if (kept > 0) kept = vo::compact_by_label(objs, patches, kept, patchSize);
-        clock.lap(&vo::DetectStageTimes::bnet);
+        if (kept > 0) kept = compact_by_label(objs, patches, kept, patch_floats(bnet));
+        clock.lap(&DetectStageTimes::bnet);
     }
-    clock.count(&vo::DetectStageTimes::afterBnet, kept);
+    clock.count(&DetectStageTimes::afterBnet, kept);
     return kept;
 }
+
+}  // namespace vo
 
 int classify(Cascade* cascade, unsigned char* image, int width, int height, int stride, ObjectInfof* objs,
              int num) {

@@ -49,28 +49,35 @@ int64_t window_count(int64_t width, int64_t height, int32_t winWidth, int32_t wi
     return (spanX / strideX + 1) * (spanY / strideY + 1);
 }
 
-// Grows the window arrays before a level of `count` windows is placed
-// after the first `total`: the new capacity is count * 1.1 + total + 1,
-// the first `total` windows are kept and everything else reads as zero.
-// Reallocating in place lets large arrays grow without copying; the
-// patches of the level itself are left for split_image_into_patches,
-// which writes every value of them.
-bool grow_windows(ObjectInfof** objs, float** patches, int64_t* capacity, int64_t total, int64_t count,
-                  int64_t patchSize) {
-    const int64_t newCapacity = int64_t(double(count) * 1.1 + double(total) + 1.0);
-    ObjectInfof* newObjs = static_cast<ObjectInfof*>(realloc(*objs, size_t(newCapacity) * sizeof(ObjectInfof)));
-    if (!newObjs) return false;
-    *objs = newObjs;
-    float* newPatches =
-        static_cast<float*>(realloc(*patches, size_t(newCapacity) * size_t(patchSize) * sizeof(float)));
-    if (!newPatches) return false;
-    *patches = newPatches;
-    memset(newObjs + total, 0, size_t(newCapacity - total) * sizeof(ObjectInfof));
-    const int64_t placed = total + count;
-    memset(newPatches + placed * patchSize, 0, size_t(newCapacity - placed) * size_t(patchSize) * sizeof(float));
-    *capacity = newCapacity;
-    return true;
-}
+// Windows a chunk at a time: 4096 patches of a 12 x 12 window are 2.4 MB.
+constexpr int64_t kChunkWindows = 4096;
+
+// The first stage's survivors, with their patches, in the order found.
+struct Survivors {
+    ObjectInfof* objs = nullptr;
+    float* patches = nullptr;
+    int64_t count = 0;
+    int64_t capacity = 0;
+
+    bool append(const ObjectInfof* o, const float* p, int n, int64_t patchSize) {
+        if (n <= 0) return true;
+        if (count + n > capacity) {
+            const int64_t grown = std::max<int64_t>(2 * capacity, count + n);
+            if (grown > INT32_MAX) return false;
+            auto* newObjs = static_cast<ObjectInfof*>(realloc(objs, size_t(grown) * sizeof(ObjectInfof)));
+            if (!newObjs) return false;
+            objs = newObjs;
+            auto* newPatches = static_cast<float*>(realloc(patches, size_t(grown) * size_t(patchSize) * sizeof(float)));
+            if (!newPatches) return false;
+            patches = newPatches;
+            capacity = grown;
+        }
+        memcpy(objs + count, o, size_t(n) * sizeof(ObjectInfof));
+        memcpy(patches + count * patchSize, p, size_t(n) * size_t(patchSize) * sizeof(float));
+        count += n;
+        return true;
+    }
+};
 
 }  // namespace
 
@@ -162,44 +169,51 @@ bool plan_search(const VoDetector* detector, int width, int height, int stride, 
     return true;
 }
 
+int64_t cut_windows(const uint8_t* image, int width, int height, int stride, int winWidth, int winHeight,
+                    int strideX, int strideY, float scale, int64_t first, int64_t count, float* patches,
+                    ObjectInfof* objs) {
+    const int64_t all = window_count(width, height, winWidth, winHeight, strideX, strideY);
+    if (first < 0 || count < 1 || first >= all) return 0;
+    count = std::min(count, all - first);
+    const int64_t patchSize = int64_t(winWidth) * winHeight;
+    const int64_t perRow = (int64_t(width) - (winWidth >> 1)) / strideX + 1;
+    const float inverse = 1.0f / scale;
+    for (int64_t k = 0; k < count; ++k) {
+        const int64_t x = (first + k) % perRow * strideX;
+        const int64_t y = (first + k) / perRow * strideY;
+        float* patch = patches + k * patchSize;
+        // A window hangs over the right and bottom edges by less than half
+        // its size; those pixels are 0.
+        const int64_t inside = std::min<int64_t>(winWidth, width - x);
+        for (int64_t j = 0; j < winHeight; ++j) {
+            float* row = patch + j * winWidth;
+            int64_t i = 0;
+            if (y + j < height) {
+                const uint8_t* src = image + (y + j) * stride + x;
+                for (; i + 8 <= inside; i += 8) {
+                    const __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + i));
+                    _mm256_storeu_ps(row + i, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes)));
+                }
+                for (; i < inside; ++i) row[i] = float(src[i]);
+            }
+            for (; i < winWidth; ++i) row[i] = 0.0f;
+        }
+        ObjectInfof& o = objs[k];
+        o.x = float(x);
+        o.y = float(y);
+        o.width = float(winWidth);
+        o.height = float(winHeight);
+        o.scale = inverse;
+    }
+    return count;
+}
+
 int split_image_into_patches(uint8_t* image, int width, int height, int stride, int winWidth, int winHeight,
                              int strideX, int strideY, float scale, float* patches, ObjectInfof* objs) {
     const int64_t count = window_count(width, height, winWidth, winHeight, strideX, strideY);
-    const int64_t patchSize = int64_t(winWidth) * winHeight;
-    const int64_t lastX = int64_t(width) - (winWidth >> 1);
-    const int64_t lastY = int64_t(height) - (winHeight >> 1);
-    const float inverse = 1.0f / scale;
-    int64_t size = 0;
-    for (int64_t y = 0; count > 0 && y <= lastY; y += strideY) {
-        for (int64_t x = 0; x <= lastX; x += strideX) {
-            float* patch = patches + size * patchSize;
-            // A window hangs over the right and bottom edges by less than
-            // half its size; those pixels are 0.
-            const int64_t inside = std::min<int64_t>(winWidth, width - x);
-            for (int64_t j = 0; j < winHeight; ++j) {
-                float* row = patch + j * winWidth;
-                int64_t i = 0;
-                if (y + j < height) {
-                    const uint8_t* src = image + (y + j) * stride + x;
-                    for (; i + 8 <= inside; i += 8) {
-                        const __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + i));
-                        _mm256_storeu_ps(row + i, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes)));
-                    }
-                    for (; i < inside; ++i) row[i] = float(src[i]);
-                }
-                for (; i < winWidth; ++i) row[i] = 0.0f;
-            }
-            ObjectInfof& o = objs[size];
-            o.x = float(x);
-            o.y = float(y);
-            o.width = float(winWidth);
-            o.height = float(winHeight);
-            o.scale = inverse;
-            ++size;
-        }
-    }
-    VO_CHECK(count == size, return -1);
-    return int(size);
+    VO_CHECK(count <= INT32_MAX, return -1);
+    return int(cut_windows(image, width, height, stride, winWidth, winHeight, strideX, strideY, scale, 0, count,
+                           patches, objs));
 }
 
 }  // namespace vo
@@ -271,11 +285,15 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
 
     uint8_t* work = static_cast<uint8_t*>(malloc(size_t(w0) * size_t(h0)));
     uint8_t* level = static_cast<uint8_t*>(malloc(size_t(std::max<int64_t>(largest, 1))));
-    ObjectInfof* objs = nullptr;
-    float* patches = nullptr;
-    int64_t capacity = 0;
-    int64_t total = 0;
-    bool ok = work && level;
+    // Windows are cut and scored by the first stage a chunk at a time; only
+    // its survivors are kept. Each window's score depends on its own patch
+    // alone, so this finds what scoring all windows at once would, in the
+    // same order, with memory bounded by the chunk.
+    const int64_t chunk = std::min<int64_t>(kChunkWindows, std::max<int64_t>(plan.totalWindows, 1));
+    float* chunkPatches = static_cast<float*>(malloc(size_t(chunk) * size_t(patchSize) * sizeof(float)));
+    ObjectInfof* chunkObjs = static_cast<ObjectInfof*>(calloc(size_t(chunk), sizeof(ObjectInfof)));
+    Survivors kept;
+    bool ok = work && level && chunkPatches && chunkObjs;
     if (ok) {
         if (plan.shrunk) {
             resizer_bilinear_gray(image, width, height, stride, work, w0, h0, w0);
@@ -283,34 +301,43 @@ int detect_objects(VoDetector* detector, unsigned char* image, int width, int he
             for (int y = 0; y < height; ++y) memcpy(work + int64_t(y) * w0, image + int64_t(y) * stride, size_t(w0));
         }
     }
+    clock.lap(&vo::DetectStageTimes::pyramid);
     for (int k = 0; ok && k < plan.levelCount; ++k) {
         const vo::PyramidLevel& lv = plan.levels[k];
-        if (total + lv.count > capacity) ok = grow_windows(&objs, &patches, &capacity, total, lv.count, patchSize);
-        if (!ok || lv.count == 0) continue;
+        if (lv.count == 0) continue;
         resizer_bilinear_gray(work, w0, h0, w0, level, lv.width, lv.height, lv.width);
-        const int placed = vo::split_image_into_patches(level, lv.width, lv.height, lv.width, winW, winH, plan.strideX,
-                                                        plan.strideY, lv.scale, patches + total * patchSize,
-                                                        objs + total);
-        ok = placed == lv.count;
-        total += lv.count;
+        for (int64_t first = 0; ok && first < lv.count; first += chunk) {
+            const int64_t count = std::min(chunk, lv.count - first);
+            ok = vo::cut_windows(level, lv.width, lv.height, lv.width, winW, winH, plan.strideX, plan.strideY,
+                                 lv.scale, first, count, chunkPatches, chunkObjs) == count;
+            clock.lap(&vo::DetectStageTimes::pyramid);
+            if (!ok) break;
+            predict_patches(cascade->anet, chunkPatches, chunkObjs, int(count));
+            const int survivors = vo::compact_by_label(chunkObjs, chunkPatches, int(count), patchSize);
+            ok = kept.append(chunkObjs, chunkPatches, survivors, patchSize);
+            clock.lap(&vo::DetectStageTimes::anet);
+        }
     }
-    clock.lap(&vo::DetectStageTimes::pyramid);
+    free(chunkPatches);
+    free(chunkObjs);
+    free(work);
+    free(level);
+    ObjectInfof* objs = kept.objs;
     int n = 0;
-    if (ok && total > 0) {
+    if (ok && plan.totalWindows > 0) {
         clock.count(&vo::DetectStageTimes::runs, 1);
-        clock.count(&vo::DetectStageTimes::windows, total);
-        n = predict_patches(cascade, patches, int(total), objs);  // times the first two stages itself
+        clock.count(&vo::DetectStageTimes::windows, plan.totalWindows);
+        clock.count(&vo::DetectStageTimes::afterAnet, kept.count);
+        n = vo::second_stage(cascade, kept.patches, objs, int(kept.count));  // timed there
         clock.restart();
     }
+    free(kept.patches);
     for (int i = 0; i < n; ++i) {
         objs[i].x *= objs[i].scale;
         objs[i].y *= objs[i].scale;
         objs[i].width *= objs[i].scale;
         objs[i].height *= objs[i].scale;
     }
-    free(patches);
-    free(work);
-    free(level);
     clock.lap(&vo::DetectStageTimes::pyramid);
     if (n <= 0) {
         free(objs);

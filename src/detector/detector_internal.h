@@ -71,6 +71,17 @@ struct SearchPlan {
 // Fills the plan; false for sizes or parameters that cannot be searched.
 bool plan_search(const VoDetector* detector, int width, int height, int stride, SearchPlan* plan);
 
+// The second stage over the first stage's `kept` survivors and their
+// patches (when its window has the first stage's size), then its
+// compaction; returns how many remain.
+int second_stage(Cascade* cascade, float* patches, ObjectInfof* objs, int kept);
+
+// Places windows [first, first + count) of one level (in the row-by-row
+// order below) into `patches` and `objs`; returns how many were placed.
+int64_t cut_windows(const uint8_t* image, int width, int height, int stride, int winWidth, int winHeight,
+                    int strideX, int strideY, float scale, int64_t first, int64_t count, float* patches,
+                    ObjectInfof* objs);
+
 // Places the windows of one level after one another, row by row; each
 // patch is winWidth x winHeight floats, 0 where the window hangs over the
 // right or bottom edge. Returns the number placed.

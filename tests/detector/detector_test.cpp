@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <vonet/vonet.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -147,6 +148,19 @@ TEST(SplitImageIntoPatches, PlacesWindowsRowByRowWithZeroOverhang) {
             }
     }
     EXPECT_EQ(objs[13].x, 91.0f);  // the last column hangs 8 pixels over the edge
+
+    // The detector cuts a level in chunks: any range of windows is the same
+    // slice of the whole, and a range past the end is clipped.
+    for (const auto& [first, count] : {std::pair<int64_t, int64_t>{0, 1}, {13, 15}, {100, 40}, {130, 99}, {140, 5}}) {
+        std::vector<float> part(size_t(count) * 576, -1.0f);
+        std::vector<ObjectInfof> partObjs(size_t(count), ObjectInfof{0, 0, 0, 0, -2.0f, 77, 0});
+        const int64_t placed = vo::cut_windows(level.data(), w, h, stride, 24, 24, 7, 7, 0.1f, first, count,
+                                               part.data(), partObjs.data());
+        ASSERT_EQ(placed, std::max<int64_t>(0, std::min<int64_t>(count, 140 - first))) << first;
+        EXPECT_EQ(memcmp(part.data(), patches.data() + first * 576, size_t(placed) * 576 * sizeof(float)), 0) << first;
+        for (int64_t k = 0; k < placed; ++k)
+            EXPECT_TRUE(partObjs[k].x == objs[first + k].x && partObjs[k].y == objs[first + k].y) << first + k;
+    }
 }
 
 VoDetector* load_quietly(const std::string& dir, const std::string& name, int* status) {
