@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kernels/isa.h"
 #include "vnet/conv_private.h"
 
@@ -83,7 +84,7 @@ void BM_ConvPath(benchmark::State& state) {
     }
     const double flops = 2.0 * s.M * s.C * s.k * s.k * double(out->height) * out->width;
     state.counters["FLOPS"] =
-        benchmark::Counter(flops, benchmark::Counter::kIsIterationInvariantRate, benchmark::Counter::kIs1000);
+        vo_bench::per_second(flops);
     state.SetLabel(std::string(s.name) + (which == kGeneral ? " general" : which == kDirect ? " direct" : " exported") +
                    " " + vo::isa_name(vo::kernels().isa));
     release_forward_params(&params);

@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_util.h"
 #include "kernels/isa.h"
 
 namespace {
@@ -14,11 +15,8 @@ namespace {
 void BM_Gemm(benchmark::State& state) {
     const vo::Isa isa = vo::Isa(state.range(0));
     const int M = int(state.range(1)), N = int(state.range(2)), K = int(state.range(3));
-    if (!vo::isa_supported(isa)) {
-        state.SkipWithError("instruction set not available");
-        return;
-    }
-    const vo::Isa previous = vo::set_isa_for_testing(isa);
+    const vo_bench::IsaScope scope(state, isa);
+    if (!scope.ok()) return;
     std::mt19937 rng(1);
     std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
     std::vector<float> A(size_t(M) * K), B(size_t(K) * N), C(size_t(M) * N);
@@ -30,9 +28,8 @@ void BM_Gemm(benchmark::State& state) {
         benchmark::ClobberMemory();
     }
     state.counters["FLOPS"] =
-        benchmark::Counter(2.0 * M * N * K, benchmark::Counter::kIsIterationInvariantRate, benchmark::Counter::kIs1000);
+        vo_bench::per_second(2.0 * M * N * K);
     state.SetLabel(vo::isa_name(isa));
-    vo::set_isa_for_testing(previous);
 }
 
 void GemmShapes(benchmark::internal::Benchmark* b) {

@@ -23,6 +23,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_util.h"
 #include "kernels/isa.h"
 #include "vnet/conv_int8.h"
 
@@ -31,11 +32,8 @@ namespace {
 void BM_GemmS8(benchmark::State& state) {
     const vo::Isa isa = vo::Isa(state.range(0));
     const int M = int(state.range(1)), N = int(state.range(2)), K = int(state.range(3));
-    if (!vo::isa_supported(isa)) {
-        state.SkipWithError("instruction set not available");
-        return;
-    }
-    const vo::Isa previous = vo::set_isa_for_testing(isa);
+    const vo_bench::IsaScope scope(state, isa);
+    if (!scope.ok()) return;
     std::mt19937 rng(1);
     std::vector<int8_t> A(size_t(M) * K), B(size_t(K) * N);
     std::vector<int32_t> C(size_t(M) * N);
@@ -47,9 +45,8 @@ void BM_GemmS8(benchmark::State& state) {
         benchmark::ClobberMemory();
     }
     state.counters["OPS"] =
-        benchmark::Counter(2.0 * M * N * K, benchmark::Counter::kIsIterationInvariantRate, benchmark::Counter::kIs1000);
+        vo_bench::per_second(2.0 * M * N * K);
     state.SetLabel(vo::isa_name(isa));
-    vo::set_isa_for_testing(previous);
 }
 
 void GemmS8Shapes(benchmark::internal::Benchmark* b) {
@@ -117,16 +114,12 @@ void BM_Conv3x3(benchmark::State& state) {
     const int kind = int(state.range(0));
     const int* s = kLayers[state.range(1)];
     const vo::Isa isa = vo::Isa(state.range(2));
-    if (!vo::isa_supported(isa)) {
-        state.SkipWithError("instruction set not available");
-        return;
-    }
-    const vo::Isa previous = vo::set_isa_for_testing(isa);
+    const vo_bench::IsaScope scope(state, isa);
+    if (!scope.ok()) return;
     Layer layer(s[0], s[1], s[2], s[3], s[4], kind != 0);
     if (!layer.ok) {
         state.SkipWithError("reshape failed");
-        vo::set_isa_for_testing(previous);
-        return;
+            return;
     }
     const ConvForwardOp ops[] = {forward_conv, forward_conv, forward_conv_3x3s1_s8, vo::forward_conv_unfolded_s8};
     for (auto _ : state) {
@@ -138,7 +131,6 @@ void BM_Conv3x3(benchmark::State& state) {
     }
     static const char* const kinds[] = {"float", "int8", "int8-direct", "int8-unfolded"};
     state.SetLabel(std::string(kLayerNames[state.range(1)]) + " " + kinds[kind] + " " + vo::kernels().name);
-    vo::set_isa_for_testing(previous);
 }
 
 BENCHMARK(BM_Conv3x3)

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "bench_util.h"
 #include "kernels/isa.h"
 
 namespace {
@@ -16,7 +17,8 @@ void BM_Vector(benchmark::State& state) {
     const Op op = Op(state.range(0));
     const vo::Isa isa = vo::Isa(state.range(1));
     const int n = int(state.range(2));
-    const vo::Isa previous = vo::set_isa_for_testing(isa);
+    const vo_bench::IsaScope scope(state, isa);
+    if (!scope.ok()) return;
     std::vector<float> x(n, 0.5f), y(n, -0.25f), z(n);
     int arrays = 2;
     for (auto _ : state) {
@@ -33,7 +35,6 @@ void BM_Vector(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * n * int64_t(sizeof(float)) * arrays);
     static const char* names[] = {"axpy", "max_scalar", "add", "mul_scalar", "alpha_multiply_vector_add_beta", "dot"};
     state.SetLabel(std::string(names[op]) + "/" + vo::isa_name(isa));
-    vo::set_isa_for_testing(previous);
 }
 
 void VectorArgs(benchmark::internal::Benchmark* b) {

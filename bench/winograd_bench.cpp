@@ -8,6 +8,7 @@
 
 #include <random>
 
+#include "bench_util.h"
 #include "kernels/isa.h"
 
 namespace {
@@ -28,11 +29,8 @@ const Shape kShapes[] = {
 void run_conv(benchmark::State& state, ConvForwardOp op) {
     const Shape& s = kShapes[state.range(0)];
     const vo::Isa isa = vo::Isa(state.range(1));
-    if (!vo::isa_supported(isa)) {
-        state.SkipWithError("instruction set not available");
-        return;
-    }
-    const vo::Isa previous = vo::set_isa_for_testing(isa);
+    const vo_bench::IsaScope scope(state, isa);
+    if (!scope.ok()) return;
     std::mt19937 rng(1);
     std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
     Convolution* conv = create_convolution();
@@ -57,14 +55,13 @@ void run_conv(benchmark::State& state, ConvForwardOp op) {
         }
         const double flops = 2.0 * s.M * s.C * 9 * out->height * out->width;
         state.counters["FLOPS"] =
-            benchmark::Counter(flops, benchmark::Counter::kIsIterationInvariantRate, benchmark::Counter::kIs1000);
+            vo_bench::per_second(flops);
     }
     state.SetLabel(std::string(s.name) + " " + vo::isa_name(isa));
     release_tensor(&in);
     release_tensor(&out);
     release_forward_params(&params);
     release_conv(&conv);
-    vo::set_isa_for_testing(previous);
 }
 
 void BM_ConvWinograd(benchmark::State& state) { run_conv(state, forward_conv_3x3s1_winograd); }
