@@ -13,6 +13,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -110,6 +111,24 @@ testing::AssertionResult same_bits(const Tensor* t, const std::vector<float>& wa
 // choice of operand order, so only NaN-ness is part of the kernels' contract.
 int64_t first_bit_difference(const float* a, const float* b, int64_t n);
 inline std::vector<int> dims(const Tensor* t) { return {t->num, t->channel, t->height, t->width}; }
+
+// What a call returned and printed on standard output and standard error.
+struct Printed {
+    int status;
+    std::string out, err;
+    bool operator==(const Printed& o) const { return status == o.status && out == o.out && err == o.err; }
+};
+inline std::ostream& operator<<(std::ostream& os, const Printed& p) {
+    return os << "status " << p.status << ", stdout '" << p.out << "', stderr '" << p.err << "'";
+}
+template <typename F>
+Printed printed_by(F call) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = call();
+    std::string out = testing::internal::GetCapturedStdout();
+    return {status, out, testing::internal::GetCapturedStderr()};
+}
 
 // Runs a test body once per instruction-set path this CPU has.
 template <typename F>

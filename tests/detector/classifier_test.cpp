@@ -13,22 +13,17 @@ namespace {
 
 using vo_test::Head;
 using vo_test::head_net;
+using vo_test::Printed;
+using vo_test::printed_by;
 using vo_test::same_record;
 using vo_test::write_classifier;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 ObjectInfof sentinel() { return ObjectInfof{1.5f, 2.5f, 3.5f, 4.5f, -1.0f, 99, 7.0f}; }
 
 // Loads dir/name; fails the test when it does not load.
 Classifier* load(const std::string& dir, const std::string& name) {
     Classifier* c = nullptr;
-    CaptureStdout();
-    const int status = load_classifier(dir.c_str(), name.c_str(), &c);
-    GetCapturedStdout();
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(printed_by([&] { return load_classifier(dir.c_str(), name.c_str(), &c); }).status, 0);
     return c;
 }
 
@@ -39,40 +34,34 @@ TEST(LoadClassifier, FilesPresentAndMissing) {
     EXPECT_EQ(load_classifier(nullptr, "stage", &c), 7);
     EXPECT_EQ(c, before);
     release_classifier(&c);
+    auto loadStage = [&] { return printed_by([&] { return load_classifier(dir.path().c_str(), "stage", &c); }); };
 
     // No parameter file: the message names the path, nothing is handed out.
-    CaptureStdout();
-    EXPECT_EQ(load_classifier(dir.path().c_str(), "stage", &c), 4);
-    EXPECT_EQ(GetCapturedStdout(), "Can't open file " + dir.file("stage_params.dat") + "\n");
+    EXPECT_EQ(loadStage(), (Printed{4, "Can't open file " + dir.file("stage_params.dat") + "\n", ""}));
     EXPECT_EQ(c, nullptr);
 
     // Parameters (file order: classSize, width, height, channel) without a
     // model: 4, silently, with the record handed out and safe to release.
     write_classifier(dir.path(), "stage", 2, 3, 1, 1, "");
-    CaptureStdout();
-    EXPECT_EQ(load_classifier(dir.path().c_str(), "stage", &c), 4);
-    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(loadStage(), (Printed{4, "", ""}));
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(c->net, nullptr);
-    EXPECT_TRUE(c->classSize == 2 && c->width == 3 && c->height == 1 && c->channel == 1);
+    EXPECT_TRUE(c->net == nullptr && c->classSize == 2 && c->width == 3 && c->height == 1 && c->channel == 1);
     release_classifier(&c);
     EXPECT_EQ(c, nullptr);
     release_classifier(&c);
 
     // A model that does not load: the base name was printed already.
     vo_test::write_file(dir.file("stage.dat"), "not a model");
-    CaptureStdout();
-    EXPECT_EQ(load_classifier(dir.path().c_str(), "stage", &c), 4);
-    EXPECT_EQ(GetCapturedStdout().rfind("stage\n", 0), 0u);
+    const Printed broken = loadStage();
+    EXPECT_EQ(broken.status, 4);
+    EXPECT_EQ(broken.out.rfind("stage\n", 0), 0u);
     ASSERT_NE(c, nullptr);
     EXPECT_EQ(c->net, nullptr);
     release_classifier(&c);
 
     // Both files: the base name is printed as the model loads.
     write_classifier(dir.path(), "stage", 2, 3, 1, 1, head_net(3, 1, 1, Head{{0.0f, 0.0f}, {0, 1}}));
-    CaptureStdout();
-    EXPECT_EQ(load_classifier(dir.path().c_str(), "stage", &c), 0);
-    EXPECT_EQ(GetCapturedStdout(), "stage\n");
+    EXPECT_EQ(loadStage(), (Printed{0, "stage\n", ""}));
     ASSERT_NE(c, nullptr);
     EXPECT_NE(c->net, nullptr);
     release_classifier(&c);
@@ -101,17 +90,15 @@ TEST(LoadClassifier, RefusesUnusableParameterFiles) {
     for (const Case& k : cases) {
         vo_test::write_file(dir.file("stage_params.dat"), k.bytes);
         Classifier* c = nullptr;
-        CaptureStderr();
-        EXPECT_EQ(load_classifier(dir.path().c_str(), "stage", &c), 4);
-        EXPECT_EQ(GetCapturedStderr(), prefix + k.check + "\n");
+        EXPECT_EQ(printed_by([&] { return load_classifier(dir.path().c_str(), "stage", &c); }),
+                  (Printed{4, "", prefix + k.check + "\n"}));
         EXPECT_EQ(c, nullptr);
     }
     Classifier* c = nullptr;
     // A path that would not fit its 256-byte buffer is refused, not cut.
     const std::string longName(250, 'n');
-    CaptureStderr();
-    EXPECT_EQ(load_classifier(dir.path().c_str(), longName.c_str(), &c), 4);
-    EXPECT_EQ(GetCapturedStderr(), "detector: load_classifier: check failed: pathFits\n");
+    EXPECT_EQ(printed_by([&] { return load_classifier(dir.path().c_str(), longName.c_str(), &c); }),
+              (Printed{4, "", prefix + "pathFits\n"}));
     EXPECT_EQ(c, nullptr);
     EXPECT_EQ(load_net(dir.path().c_str(), longName.c_str()), nullptr);
     EXPECT_EQ(load_net(dir.path().c_str(), "absent"), nullptr);
@@ -179,27 +166,18 @@ TEST(PredictPatches, StatusesAndChecksLeaveRecordsUntouched) {
     float patches[6] = {1, 2, 3, 4, 5, 6};
     std::vector<ObjectInfof> objs(2, sentinel());
     const std::vector<ObjectInfof> untouched = objs;
-    auto unchanged = [&] { return same_record(objs[0], untouched[0]) && same_record(objs[1], untouched[1]); };
 
     Classifier* wrong = load(dir.path(), "wrong");
     Classifier* plain = load(dir.path(), "plain");
     Classifier* shortReg = load(dir.path(), "short");
     ASSERT_TRUE(wrong && plain && shortReg);
 
-    CaptureStderr();
-    EXPECT_EQ(predict_patches(wrong, patches, objs.data(), 2), 7);
-    EXPECT_EQ(GetCapturedStderr(),
-              "detector: predict_patches: check failed: output->capacity == num * classSize\n");
-    EXPECT_TRUE(unchanged());
-    CaptureStderr();
-    EXPECT_EQ(predict_regress_patches(plain, patches, objs.data(), 2), 7);
-    EXPECT_EQ(GetCapturedStderr(),
-              "detector: predict_regress_patches: check failed: classifier->net->outputSize == 2\n");
-    EXPECT_TRUE(unchanged());
-    CaptureStderr();
-    EXPECT_EQ(predict_regress_patches(shortReg, patches, objs.data(), 2), 7);
-    EXPECT_EQ(GetCapturedStderr(), "detector: predict_regress_patches: check failed: output->capacity == num * 4\n");
-    EXPECT_TRUE(unchanged());
+    EXPECT_EQ(printed_by([&] { return predict_patches(wrong, patches, objs.data(), 2); }),
+              (Printed{7, "", "detector: predict_patches: check failed: output->capacity == num * classSize\n"}));
+    EXPECT_EQ(printed_by([&] { return predict_regress_patches(plain, patches, objs.data(), 2); }),
+              (Printed{7, "", "detector: predict_regress_patches: check failed: classifier->net->outputSize == 2\n"}));
+    EXPECT_EQ(printed_by([&] { return predict_regress_patches(shortReg, patches, objs.data(), 2); }),
+              (Printed{7, "", "detector: predict_regress_patches: check failed: output->capacity == num * 4\n"}));
 
     // Missing arguments: 7; no patches to score: 0.
     Classifier bare{};
@@ -209,7 +187,7 @@ TEST(PredictPatches, StatusesAndChecksLeaveRecordsUntouched) {
     EXPECT_EQ(predict_regress_patches(&bare, patches, objs.data(), 2), 7);
     EXPECT_EQ(predict_patches(plain, patches, objs.data(), 0), 0);
     EXPECT_EQ(predict_patches(plain, patches, objs.data(), -3), 0);
-    EXPECT_TRUE(unchanged());
+    EXPECT_TRUE(same_record(objs[0], untouched[0]) && same_record(objs[1], untouched[1]));
 
     // Regression: offsets move the corner, the size is replaced.
     Classifier* reg = load(dir.path(), "reg");

@@ -14,10 +14,6 @@
 namespace {
 
 using namespace vo_test;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 // A detector record with the defaults and a 24 x 24 window, no cascade.
 VoDetector window24() {
@@ -84,9 +80,8 @@ TEST(SearchPlan, LevelsBelowHalfAWindowHaveNoWindows) {
     EXPECT_TRUE(plan.levels[2].width == 120 && plan.levels[2].height == 6 && plan.levels[2].count == 0);
     EXPECT_GT(plan.levels[1].count, 0);
     std::vector<uint8_t> level(120 * 6, 255);
-    CaptureStderr();
-    EXPECT_EQ(vo::split_image_into_patches(level.data(), 120, 6, 120, 24, 24, 7, 7, 0.5f, nullptr, nullptr), 0);
-    EXPECT_EQ(GetCapturedStderr(), "");  // no failed count check
+    auto split = [&] { return int(vo::split_image_into_patches(level.data(), 120, 6, 120, 24, 24, 7, 7, 0.5f, 0, 0)); };
+    EXPECT_EQ(printed_by(split), (Printed{0, "", ""}));  // no failed count check
     // Exactly half a window still holds a window.
     std::vector<float> patch(12 * 12);
     ObjectInfof obj{};
@@ -163,30 +158,23 @@ TEST(SplitImageIntoPatches, PlacesWindowsRowByRowWithZeroOverhang) {
     }
 }
 
-VoDetector* load_quietly(const std::string& dir, const std::string& name, int* status) {
-    VoDetector* d = nullptr;
-    CaptureStdout();
-    *status = load_detector(dir.c_str(), name.c_str(), &d);
-    GetCapturedStdout();
-    return d;
+Printed load_quietly(const std::string& dir, const std::string& name, VoDetector** d) {
+    return printed_by([&] { return load_detector(dir.c_str(), name.c_str(), d); });
 }
 
 TEST(LoadDetector, StagesMustAgreeWithTheWindow) {
     vo_test::TempDir dir;
-    int status = 0;
     VoDetector* d = nullptr;
     EXPECT_EQ(load_detector(dir.path().c_str(), "syn", nullptr), 7);
-    CaptureStdout();
-    EXPECT_EQ(load_detector(dir.path().c_str(), "syn", &d), 4);  // nothing to load
-    EXPECT_NE(GetCapturedStdout().find("Can't open file " + dir.file("syn_enet_params.dat")), std::string::npos);
+    const Printed none = load_quietly(dir.path(), "syn", &d);
+    EXPECT_EQ(none.status, 4);  // nothing to load
+    EXPECT_NE(none.out.find("Can't open file " + dir.file("syn_enet_params.dat")), std::string::npos);
     EXPECT_EQ(d, nullptr);
 
     // A cascade without anet loads, but a detector cannot use it.
     write_cascade(dir.path(), "c_only", {"cnet"});
     Cascade* cascade = nullptr;
-    CaptureStdout();
-    EXPECT_EQ(load_cascade(dir.path().c_str(), "c_only", &cascade), 0);
-    GetCapturedStdout();
+    EXPECT_EQ(printed_by([&] { return load_cascade(dir.path().c_str(), "c_only", &cascade); }).status, 0);
     ASSERT_NE(cascade, nullptr);
     EXPECT_TRUE(cascade->anet == nullptr && cascade->cnet != nullptr);
     release_cascade(&cascade);
@@ -204,20 +192,16 @@ TEST(LoadDetector, StagesMustAgreeWithTheWindow) {
         {"colour_c", "cnet->channel == 1"},
     };
     for (const auto& k : cases) {
-        CaptureStderr();
-        d = load_quietly(dir.path(), k.first, &status);
-        EXPECT_EQ(status, 4) << k.first;
+        const Printed p = load_quietly(dir.path(), k.first, &d);
+        EXPECT_EQ(p.status, 4) << k.first;
         EXPECT_EQ(d, nullptr);
-        EXPECT_EQ(GetCapturedStderr(), "detector: load_detector: check failed: " + k.second + "\n");
+        EXPECT_EQ(p.err, "detector: load_detector: check failed: " + k.second + "\n");
     }
 
     // A name that would not fit its buffer for every role loads nothing.
     const std::string longName(122, 'k');  // 122 + "_dotnet" needs 130 bytes
-    CaptureStdout();
-    CaptureStderr();
-    EXPECT_EQ(load_detector(dir.path().c_str(), longName.c_str(), &d), 4);
-    EXPECT_EQ(GetCapturedStderr(), "detector: load_cascade: check failed: nameFits\n");
-    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(load_quietly(dir.path(), longName, &d),
+              (Printed{4, "", "detector: load_cascade: check failed: nameFits\n"}));
     EXPECT_EQ(load_detector(nullptr, "syn", &d), 4);
     EXPECT_EQ(load_cascade(dir.path().c_str(), nullptr, &cascade), 4);
 }
@@ -228,10 +212,9 @@ TEST(LoadDetector, LoadsTheStagesInRoleOrder) {
     write_classifier(dir.path(), "syn_bnet", 5, 24, 24, 1, "");  // no model: its classSize is not taken
     write_classifier(dir.path(), "syn_mnet", 2, 24, 24, 1, anet_model());
     VoDetector* d = nullptr;
-    CaptureStdout();
-    EXPECT_EQ(load_detector(dir.path().c_str(), "syn", &d), 0);
-    EXPECT_EQ(GetCapturedStdout(), "syn_anet\nsyn_cnet\nCan't open file " + dir.file("syn_dotnet_params.dat") +
-                                       "\nsyn_mnet\nCan't open file " + dir.file("syn_enet_params.dat") + "\n");
+    EXPECT_EQ(load_quietly(dir.path(), "syn", &d),
+              (Printed{0, "syn_anet\nsyn_cnet\nCan't open file " + dir.file("syn_dotnet_params.dat") +
+                              "\nsyn_mnet\nCan't open file " + dir.file("syn_enet_params.dat") + "\n", ""}));
     ASSERT_NE(d, nullptr);
     EXPECT_TRUE(d->width == 24 && d->height == 24 && d->cascade->classSize == 2);
     EXPECT_TRUE(d->cascade->bnet && !d->cascade->bnet->net && d->cascade->mnet && !d->cascade->dotnet);
@@ -253,9 +236,8 @@ protected:
     // The boxes found with the stages `roles`, as (x, y, w, h, conf, label).
     std::vector<std::vector<float>> detect(const std::vector<std::string>& roles, int stride = kImageW) {
         write_cascade(dir_.path(), "syn", roles);
-        int status = 0;
-        VoDetector* d = load_quietly(dir_.path(), "syn", &status);
-        EXPECT_EQ(status, 0);
+        VoDetector* d = nullptr;
+        EXPECT_EQ(load_quietly(dir_.path(), "syn", &d).status, 0);
         if (!d) return {};
         set_unit_search(d);
         std::vector<uint8_t> image(size_t(stride) * kImageH, 9);
@@ -303,8 +285,8 @@ TEST_F(Detection, ThirdStageRecropsFromTheImage) {
 
 TEST_F(Detection, NothingFoundAndRefusedInputs) {
     write_cascade(dir_.path(), "syn", {"anet", "bnet", "cnet"});
-    int status = 0;
-    VoDetector* d = load_quietly(dir_.path(), "syn", &status);
+    VoDetector* d = nullptr;
+    load_quietly(dir_.path(), "syn", &d);
     ASSERT_NE(d, nullptr);
     set_unit_search(d);
     ObjectInfo* const untouched = reinterpret_cast<ObjectInfo*>(0x10);
@@ -324,9 +306,8 @@ TEST_F(Detection, NothingFoundAndRefusedInputs) {
     std::vector<uint8_t> strip(400 * 20, 0);
     d->width = 24;
     set_detect_params(d, 0.1f, 4.0f, 0.3f, 3);
-    CaptureStderr();
-    EXPECT_EQ(detect_objects(d, strip.data(), 400, 20, 400, &out), 0);
-    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(printed_by([&] { return detect_objects(d, strip.data(), 400, 20, 400, &out); }),
+              (Printed{0, "", ""}));
 
     // Stages called without their pieces pass the count through.
     ObjectInfof objs[3] = {};

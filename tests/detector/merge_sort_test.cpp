@@ -15,9 +15,7 @@ namespace {
 ObjectInfof box(float x, float y, float w, float h, float conf) { return ObjectInfof{x, y, w, h, conf, 1, 1.0f}; }
 
 bool same_records(const ObjectInfof* a, const ObjectInfof* b, int n) {
-    for (int i = 0; i < n; ++i)
-        if (!vo_test::same_record(a[i], b[i])) return false;
-    return true;
+    return std::equal(a, a + n, b, vo_test::same_record);
 }
 
 bool same_records(const std::vector<ObjectInfo>& a, const std::vector<ObjectInfo>& b) {

@@ -15,10 +15,6 @@
 namespace {
 
 using namespace vo_test;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 // The squares image with `channels` bytes per pixel (grey copied into
 // R, G, B; alpha 255).
@@ -40,8 +36,8 @@ std::vector<VRect> grid(const std::vector<int>& xs, const std::vector<int>& ys, 
     return out;
 }
 
-bool same(const VRect* rects, int n, const std::vector<VRect>& expected) {
-    return n == int(expected.size()) && (n == 0 || memcmp(rects, expected.data(), expected.size() * sizeof(VRect)) == 0);
+bool same(const std::vector<VRect>& got, const std::vector<VRect>& want) {
+    return got.size() == want.size() && (got.empty() || !memcmp(got.data(), want.data(), got.size() * sizeof(VRect)));
 }
 
 const VRect kWhole{0, 0, 0, 0};
@@ -50,9 +46,7 @@ class ObjectManager : public testing::Test {
 protected:
     void SetUp() override {
         write_cascade(dir_.path(), "object_squares", {"anet", "bnet", "cnet"});
-        CaptureStdout();
-        EXPECT_EQ(load_object_manager(dir_.path().c_str(), "squares", &manager_), 0);
-        GetCapturedStdout();
+        EXPECT_EQ(printed_by([&] { return load_object_manager(dir_.path().c_str(), "squares", &manager_); }).status, 0);
         ASSERT_NE(manager_, nullptr);
         set_unit_search(manager_);
     }
@@ -95,7 +89,7 @@ TEST_F(ObjectManager, DecodesPngAndJpegFiles) {
     ASSERT_NE(stbi_write_jpg(dir_.file("rgb.jpg").c_str(), kImageW, kImageH, 3, rgb.data(), 100), 0);
     for (const char* name : {"rgb.png", "rgba.png", "rgb.jpg"}) {
         ASSERT_EQ(detect(dir_.file(name), kWhole, &rects), 0) << name;
-        EXPECT_TRUE(same(rects.data(), int(rects.size()), expected)) << name;
+        EXPECT_TRUE(same(rects, expected)) << name;
     }
 
     // The grey conversion reads the channels as R, G, B: a red square is
@@ -103,11 +97,8 @@ TEST_F(ObjectManager, DecodesPngAndJpegFiles) {
     std::vector<uint8_t> red = rgb;
     for (size_t i = 0; i < red.size(); i += 3) red[i + 1] = red[i + 2] = 0;
     ASSERT_TRUE(write_png(dir_.file("red.png"), kImageW, kImageH, 3, red));
-    VRect* out = nullptr;
-    int num = -1;
-    EXPECT_EQ(detect_objects(manager_, dir_.file("red.png").c_str(), kWhole, &out, &num), 0);
-    EXPECT_EQ(num, 0);
-    EXPECT_EQ(out, nullptr);  // untouched when nothing is found
+    ASSERT_EQ(detect(dir_.file("red.png"), kWhole, &rects), 0);
+    EXPECT_TRUE(rects.empty());
 }
 
 TEST_F(ObjectManager, RegionOfInterest) {
@@ -120,14 +111,14 @@ TEST_F(ObjectManager, RegionOfInterest) {
     // scale 1 with windows from x = 8 in steps of 12, so four columns of
     // boxes (x in {92, 104, 116, 128}) come back in image coordinates.
     ASSERT_EQ(detect(path, VRect{8, 0, 248, 192}, &rects), 0);
-    EXPECT_TRUE(same(rects.data(), int(rects.size()), grid({92, 104, 116, 128}, {36, 48, 60, 72}, 3, 4, 14)));
+    EXPECT_TRUE(same(rects, grid({92, 104, 116, 128}, {36, 48, 60, 72}, 3, 4, 14)));
 
     // Regions outside the image or below 16 x 16 search the whole image.
     const VRect ignored[] = {{8, 0, 15, 192}, {8, 0, 248, 15}, {9, 0, 248, 192}, {-1, 0, 100, 100},
                              {0, -1, 100, 100}, {0, 100, 100, 93}, {2147483600, 0, 100, 100}};
     for (const VRect& roi : ignored) {
         ASSERT_EQ(detect(path, roi, &rects), 0);
-        EXPECT_TRUE(same(rects.data(), int(rects.size()), whole)) << roi.x << " " << roi.width;
+        EXPECT_TRUE(same(rects, whole)) << roi.x << " " << roi.width;
     }
 
     // A 16 x 16 region is used: the result is that of the in-memory
@@ -144,8 +135,8 @@ TEST_F(ObjectManager, RegionOfInterest) {
     free(found);
     expected.resize(size_t(filter_by_size(expected.data(), n)));
     ASSERT_EQ(detect(path, roi, &rects), 0);
-    EXPECT_TRUE(same(rects.data(), int(rects.size()), expected));
-    EXPECT_FALSE(same(rects.data(), int(rects.size()), whole));
+    EXPECT_TRUE(same(rects, expected));
+    EXPECT_FALSE(same(rects, whole));
 }
 
 TEST_F(ObjectManager, RefusedFilesAndRequests) {
@@ -158,33 +149,28 @@ TEST_F(ObjectManager, RefusedFilesAndRequests) {
     EXPECT_EQ(detect_objects(manager_, nullptr, kWhole, &out, &num), 7);
     EXPECT_EQ(detect_objects(manager_, png.c_str(), kWhole, nullptr, &num), 7);
     EXPECT_EQ(detect_objects(manager_, png.c_str(), kWhole, &out, nullptr), 7);
+    auto detectFile = [&](const std::string& path) {
+        return printed_by([&] { return detect_objects(manager_, path.c_str(), kWhole, &out, &num); });
+    };
 
     // Missing and undecodable files: 4 without a message.
     vo_test::write_file(dir_.file("junk.png"), "definitely not an image");
-    for (const std::string& path : {dir_.file("absent.png"), dir_.file("junk.png"), dir_.path()}) {
-        CaptureStderr();
-        CaptureStdout();
-        EXPECT_EQ(detect_objects(manager_, path.c_str(), kWhole, &out, &num), 4) << path;
-        EXPECT_EQ(GetCapturedStdout(), "");
-        EXPECT_EQ(GetCapturedStderr(), "");
-    }
+    for (const std::string& path : {dir_.file("absent.png"), dir_.file("junk.png"), dir_.path()})
+        EXPECT_EQ(detectFile(path), (Printed{4, "", ""})) << path;
 
     // Grey files (with or without alpha) are not supported.
     ASSERT_TRUE(write_png(dir_.file("grey.png"), kImageW, kImageH, 1, squares_image()));
     ASSERT_TRUE(write_png(dir_.file("grey_alpha.png"), kImageW, kImageH, 2, pixels(2)));
-    for (const char* name : {"grey.png", "grey_alpha.png"}) {
-        CaptureStderr();
-        EXPECT_EQ(detect_objects(manager_, dir_.file(name).c_str(), kWhole, &out, &num), 4);
-        EXPECT_EQ(GetCapturedStderr(), "Format not support\n");
-    }
+    for (const char* name : {"grey.png", "grey_alpha.png"})
+        EXPECT_EQ(detectFile(dir_.file(name)), (Printed{4, "", "Format not support\n"})) << name;
 
     // Images and parameters the detector cannot search.
     ASSERT_TRUE(write_png(dir_.file("one.png"), 1, 40, 3, std::vector<uint8_t>(120, 200)));
-    EXPECT_EQ(detect_objects(manager_, dir_.file("one.png").c_str(), kWhole, &out, &num), 4);
+    EXPECT_EQ(detectFile(dir_.file("one.png")).status, 4);
     set_detect_params(manager_, 0.125f, 0.5f, 0.5f, 0);
-    EXPECT_EQ(detect_objects(manager_, png.c_str(), kWhole, &out, &num), 4);
+    EXPECT_EQ(detectFile(png).status, 4);
     set_detect_params(manager_, 1e-6f, 0.5f, 0.5f, 1);
-    EXPECT_EQ(detect_objects(manager_, png.c_str(), kWhole, &out, &num), 4);
+    EXPECT_EQ(detectFile(png).status, 4);
 
     // Headers that claim more pixels than 32 bits count, or far more than
     // the file could hold, are refused before decoding.
@@ -201,13 +187,11 @@ TEST_F(ObjectManager, RefusedFilesAndRequests) {
     put(bmp, 24, 2, false);
     for (int i = 0; i < 6; ++i) put(bmp, 0, 4, false);
     vo_test::write_file(dir_.file("huge.bmp"), bmp);
-    CaptureStderr();
-    EXPECT_EQ(detect_objects(manager_, dir_.file("huge.bmp").c_str(), kWhole, &out, &num), 4);
-    EXPECT_EQ(GetCapturedStderr(), "detector: read_bgr: check failed: pixels <= kMaxPixels\n");
+    EXPECT_EQ(detectFile(dir_.file("huge.bmp")),
+              (Printed{4, "", "detector: read_bgr: check failed: pixels <= kMaxPixels\n"}));
     vo_test::write_file(dir_.file("big.png"), png10k);
-    CaptureStderr();
-    EXPECT_EQ(detect_objects(manager_, dir_.file("big.png").c_str(), kWhole, &out, &num), 4);
-    EXPECT_EQ(GetCapturedStderr(), "detector: read_bgr: check failed: pixels * comp <= decodedLimit\n");
+    EXPECT_EQ(detectFile(dir_.file("big.png")),
+              (Printed{4, "", "detector: read_bgr: check failed: pixels * comp <= decodedLimit\n"}));
     EXPECT_EQ(out, untouched);
     EXPECT_EQ(num, -1);
 }
@@ -216,24 +200,23 @@ TEST(LoadObjectManager, StatusesAndNames) {
     vo_test::TempDir dir;
     VoDetector* const sentinel = reinterpret_cast<VoDetector*>(0x30);
     VoDetector* m = sentinel;
-    CaptureStdout();
-    EXPECT_EQ(load_object_manager(dir.path().c_str(), "absent", &m), 4);
-    GetCapturedStdout();
+    auto load = [&](const char* kind) {
+        return printed_by([&] { return load_object_manager(dir.path().c_str(), kind, &m); });
+    };
+    EXPECT_EQ(load("absent").status, 4);
     EXPECT_EQ(m, sentinel);  // left as it was
     EXPECT_EQ(load_object_manager(dir.path().c_str(), nullptr, &m), 4);
     EXPECT_EQ(load_object_manager(dir.path().c_str(), "absent", nullptr), 7);
 
     // "object_" + kind must fit in 128 bytes.
     const std::string longKind(121, 'k');
-    CaptureStderr();
-    EXPECT_EQ(load_object_manager(dir.path().c_str(), longKind.c_str(), &m), 4);
-    EXPECT_EQ(GetCapturedStderr(), "detector: load_object_manager: check failed: nameFits\n");
+    EXPECT_EQ(load(longKind.c_str()), (Printed{4, "", "detector: load_object_manager: check failed: nameFits\n"}));
     EXPECT_EQ(m, sentinel);
 
     write_cascade(dir.path(), "object_face", {"anet"});
-    CaptureStdout();
-    EXPECT_EQ(load_object_manager(dir.path().c_str(), "face", &m), 0);
-    EXPECT_EQ(GetCapturedStdout().rfind("object_face_anet\n", 0), 0u);
+    const Printed loaded = load("face");
+    EXPECT_EQ(loaded.status, 0);
+    EXPECT_EQ(loaded.out.rfind("object_face_anet\n", 0), 0u);
     ASSERT_NE(m, sentinel);
     EXPECT_EQ(m->width, 24);
     release_object_manager(&m);

@@ -134,12 +134,10 @@ TEST(RectListFile, WritersRefuseMissingArgumentsAndUnopenablePaths) {
     EXPECT_EQ(read_file(path), "-2\n");
 
     std::string missing = dir.file("no/such/dir/w.txt");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(write_rect_list_file(missing.c_str(), boxes, 1), 4);
-    EXPECT_EQ(write_rect_list_file(missing.c_str(), boxes, labels, 1), 4);
-    EXPECT_EQ(write_rect_list_file(missing.c_str(), fboxes, labels, 1), 4);
-    std::string line = "Can't open file " + missing + "\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line + line);
+    const Printed refused{4, "Can't open file " + missing + "\n", ""};
+    EXPECT_EQ(printed_by([&] { return write_rect_list_file(missing.c_str(), boxes, 1); }), refused);
+    EXPECT_EQ(printed_by([&] { return write_rect_list_file(missing.c_str(), boxes, labels, 1); }), refused);
+    EXPECT_EQ(printed_by([&] { return write_rect_list_file(missing.c_str(), fboxes, labels, 1); }), refused);
     EXPECT_EQ(write_rect_file(missing.c_str(), boxes[0]), 4);
     EXPECT_EQ(write_rect_file(missing.c_str(), fboxes[0]), 4);
     EXPECT_EQ(write_attr_file(missing.c_str(), AttrData{}), 4);

@@ -18,6 +18,8 @@ namespace {
 using vo_test::head;
 using vo_test::Model;
 using vo_test::ModelBytes;
+using vo_test::Printed;
+using vo_test::printed_by;
 using Floats = std::vector<float>;
 
 // `expected` is the whole line, or only its start when it ends with ": ".
@@ -49,10 +51,6 @@ std::string eltwise_record(int op, const Floats& coeffs, int coeffSize) {
 }
 
 TEST(LayerChecks, RefusedRecords) {
-    const char* const conv = "vnet/conv: load_conv: check failed: ";
-    const char* const deconv = "vnet/deconv: load_deconv: check failed: ";
-    const char* const fc = "vnet/inner_product: load_inner_product: check failed: ";
-    const char* const pool = "vnet/pool: load_pooling: check failed: ";
     const struct {
         int type;
         std::string record;
@@ -140,8 +138,10 @@ TEST(LayerChecks, RefusedRecords) {
         {LAYER_DROPOUT, "\x01\x02", "ret == 1"},
     };
     const std::vector<std::pair<int, std::string>> units = {
-        {LAYER_CONVOLUTION, conv},     {LAYER_DECONVOLUTION, deconv},
-        {LAYER_INNER_PRODUCT, fc},     {LAYER_POOLING, pool},
+        {LAYER_CONVOLUTION, "vnet/conv: load_conv: check failed: "},
+        {LAYER_DECONVOLUTION, "vnet/deconv: load_deconv: check failed: "},
+        {LAYER_INNER_PRODUCT, "vnet/inner_product: load_inner_product: check failed: "},
+        {LAYER_POOLING, "vnet/pool: load_pooling: check failed: "},
         {LAYER_SOFTMAX, "vnet/softmax: load_softmax: check failed: "},
         {LAYER_CONCAT, "vnet/concat: load_concat: check failed: "},
         {LAYER_SLICE, "vnet/slice: load_slice: check failed: "},
@@ -195,13 +195,16 @@ TEST(LayerChecks, TruncatedRecords) {
 
 // Shapes refused when the net is loaded: its first reshape fails (status 1).
 TEST(LayerChecks, ShapesRefusedAtLoad) {
-    const struct {
+    struct Case {
         int type;
         std::string record;
         std::vector<std::string> ins, outs;
         std::vector<int> in;
         const char* message;
-    } bad[] = {
+    };
+    const char* const cover = "vnet/eltwise: reshape_eltwise: check failed: coefficients_cover(eltwise, isize)";
+    const std::vector<std::string> three = {"data", "data", "data"};
+    const Case bad[] = {
         {LAYER_SLICE, slice_record(1, {1, 2}), {"data"}, {"a", "b"}, {1, 4, 6, 5},
          "vnet/slice: reshape_slice: check failed: osize == slice->size + 1"},
         {LAYER_SLICE, slice_record(1, {1, 4}), {"data"}, {"a", "b", "c"}, {1, 4, 6, 5},
@@ -211,12 +214,9 @@ TEST(LayerChecks, ShapesRefusedAtLoad) {
         {LAYER_CONCAT, ModelBytes().i32s({0, 1}).bytes(), {"data", "data"}, {"data"}, {1, 4, 6, 5},
          "vnet/concat: reshape_concat: check failed: ress[0] != srcs[i]"},
         // Fewer coefficients than inputs, negative counts included.
-        {LAYER_ELTWISE, eltwise_record(1, {1}, 1), {"data", "data", "data"}, {"out"}, {1, 1, 2, 2},
-         "vnet/eltwise: reshape_eltwise: check failed: coefficients_cover(eltwise, isize)"},
-        {LAYER_ELTWISE, eltwise_record(1, {1, 1}, 2), {"data", "data", "data"}, {"out"}, {1, 1, 2, 2},
-         "vnet/eltwise: reshape_eltwise: check failed: coefficients_cover(eltwise, isize)"},
-        {LAYER_ELTWISE, eltwise_record(1, {}, -1), {"data", "data", "data"}, {"out"}, {1, 1, 2, 2},
-         "vnet/eltwise: reshape_eltwise: check failed: coefficients_cover(eltwise, isize)"},
+        {LAYER_ELTWISE, eltwise_record(1, {1}, 1), three, {"out"}, {1, 1, 2, 2}, cover},
+        {LAYER_ELTWISE, eltwise_record(1, {1, 1}, 2), three, {"out"}, {1, 1, 2, 2}, cover},
+        {LAYER_ELTWISE, eltwise_record(1, {}, -1), three, {"out"}, {1, 1, 2, 2}, cover},
     };
     for (const auto& b : bad) {
         Model m(head(b.in[0], b.in[1], b.in[2], b.in[3]).layer("l", b.type, b.record, b.ins, b.outs).bytes());
@@ -276,10 +276,9 @@ TEST(LayerChecks, ShapesRefusedAtForward) {
                             c.good[0], c.good[1], c.good[2], c.good[3]), 0);
         const std::vector<int> shape = vo_test::dims(m.out());
         const Floats before(m.out()->data, m.out()->data + m.out()->capacity);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(m.forward(Floats(size_t(c.bad[0]) * c.bad[1] * c.bad[2] * c.bad[3], 1.0f), c.bad[0], c.bad[1],
-                            c.bad[2], c.bad[3]), 5);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(c.message) + "\n");
+        const Floats ones(size_t(c.bad[0]) * c.bad[1] * c.bad[2] * c.bad[3], 1.0f);
+        EXPECT_EQ(printed_by([&] { return m.forward(ones, c.bad[0], c.bad[1], c.bad[2], c.bad[3]); }),
+                  (Printed{5, "", std::string(c.message) + "\n"}));
         if (c.type != LAYER_BATCHNORM) {
             EXPECT_EQ(vo_test::dims(m.out()), shape);
         }
@@ -342,11 +341,7 @@ TEST(LayerChecks, DirectCallStatuses) {
         {[&] { return pool_max_stable(&pool, pin, pout, nullptr); }, 7},
         {[&] { return load_eltwise(nullptr, nullptr); }, 1},
     };
-    for (const auto& call : calls) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(call.first(), call.second) << &call - calls;
-        testing::internal::GetCapturedStderr();
-    }
+    for (const auto& call : calls) EXPECT_EQ(printed_by(call.first).status, call.second) << &call - calls;
     EXPECT_EQ(small->data[0], 7.0f);
     EXPECT_EQ(out->data[0], 5.0f);
     EXPECT_EQ(pout->data[0], 9.0f);
@@ -362,9 +357,7 @@ TEST(LayerChecks, UnknownEltwiseOperation) {
     Eltwise unknown{5, nullptr, 0};
     Tensor* ins[2] = {create_tensor(1, 1, 2, 2), create_tensor(1, 1, 2, 3)};
     Tensor* out = create_tensor(1, 1, 1, 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(reshape_eltwise(&unknown, ins, 2, &out, 1, nullptr), 5);
-    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(printed_by([&] { return reshape_eltwise(&unknown, ins, 2, &out, 1, nullptr); }).status, 5);
     EXPECT_EQ(reshape_eltwise(&unknown, ins, 1, &out, 1, nullptr), 7);
     ins[1] = reshape_tensor(ins[1], 1, 1, 2, 2);
     ASSERT_EQ(reshape_eltwise(&unknown, ins, 2, &out, 1, nullptr), 0);

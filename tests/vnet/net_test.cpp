@@ -18,6 +18,8 @@ using vo_test::head;
 using vo_test::Model;
 using vo_test::ModelBytes;
 using vo_test::NetPtr;
+using vo_test::Printed;
+using vo_test::printed_by;
 using vo_test::test_scale_record;
 using vo_test::TestScale;
 
@@ -42,10 +44,14 @@ void expect_rejected(const std::string& bytes, const std::string& stderr_line = 
     }
 }
 
-class ScaleNet : public testing::Test {
+class ModelFile : public testing::Test {
+protected:
+    vo_test::TestLayerType type_{kTestType};
+};
+
+class ScaleNet : public ModelFile {
 protected:
     TestScale* layer(int i) { return static_cast<TestScale*>(m_.net->layers[i]->runParams); }
-    vo_test::TestLayerType type_{kTestType};
     Model m_{scale_net().bytes()};
 };
 
@@ -73,9 +79,7 @@ TEST_F(ScaleNet, ForwardComputesInFileOrderAndReshapesOnlyOnNewShape) {
 
 TEST_F(ScaleNet, FailedReshapeRunsNothingAndIsRetried) {
     const std::vector<float> in(13 * 2, 1.0f);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(m_.forward(in, 1, 1, 13, 2), 5);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed_by([&] { return m_.forward(in, 1, 1, 13, 2); }).status, 5);
     EXPECT_EQ(layer(0)->forwards, 0);
     EXPECT_EQ(layer(1)->reshapes, 1);  // the pass stopped at the failing layer
     // The same shape again must not run on tensors that were never reshaped.
@@ -134,9 +138,7 @@ TEST(Net, EmptyNetsTwoInputsAndTheRegistry) {
     net->inputSize = 1;
     net->inputs[0] = net_add_tensor_by_name(net.get(), "data");
     net->inputs[0] = reshape_tensor(net->inputs[0], 1, 0, 4, 4);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(reshape_net(net.get()), 5);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Net input empty\n");
+    EXPECT_EQ(printed_by([&] { return reshape_net(net.get()); }), (Printed{5, "Net input empty\n", ""}));
     net->inputs[1] = a;
     net->inputSize = 2;
     const float in[1] = {1};
@@ -168,11 +170,6 @@ TEST(Net, ChildLayersGrowByOnePointTwoAndReleaseClears) {
     vo_release_net(nullptr);
     release_net_data(nullptr);
 }
-
-class ModelFile : public testing::Test {
-protected:
-    vo_test::TestLayerType type_{kTestType};
-};
 
 TEST_F(ModelFile, InputsAndOutputsWithoutLayers) {
     gNetInitial = 0;
