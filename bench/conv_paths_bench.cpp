@@ -105,11 +105,7 @@ BENCHMARK(BM_ConvPath)->Apply(PathArgs)->Unit(benchmark::kMicrosecond);
 // The detector's first stage scores batches of 128 windows: its layers per
 // batch on the general path, the per-image direct path and the batch path,
 // then small planes at several batch sizes for the choice's limits.
-struct BatchShape {
-    const char* name;
-    int M, C, k, s, p, H, W;
-};
-const BatchShape kBatchShapes[] = {
+const Shape kBatchShapes[] = {
     {"anet.conv1 12x12", 10, 1, 3, 1, 0, 12, 12}, {"anet.conv2 5x5", 16, 10, 3, 1, 0, 5, 5},
     {"anet.conv3 3x3", 32, 16, 3, 1, 0, 3, 3},    {"anet.prob 1x1", 2, 32, 1, 1, 0, 1, 1},
     {"3x3 16-16 4x4 (2x2)", 16, 16, 3, 1, 0, 4, 4}, {"3x3 16-16 5x6 (3x4)", 16, 16, 3, 1, 0, 5, 6},
@@ -122,7 +118,7 @@ const ConvForwardOp kBatchOps[] = {forward_conv_norm, vo::forward_conv_direct, v
 const char* const kBatchOpNames[] = {"general", "direct", "direct-batch"};
 
 void BM_ConvBatch(benchmark::State& state) {
-    const BatchShape& s = kBatchShapes[state.range(0)];
+    const Shape& s = kBatchShapes[state.range(0)];
     const int batch = int(state.range(1));
     const int which = int(state.range(2));
     std::mt19937 rng(3);
